@@ -1,0 +1,117 @@
+# The kinds of target that this project has, one function each. They carry the include roots, the
+# language standard, the warnings and the install rules, so that a folder lists only its files.
+
+include(GNUInstallDirs)
+
+set(VARNIC_GENERATED_DIR "${PROJECT_BINARY_DIR}/generated")
+set(VARNIC_INCLUDE_DIR "${CMAKE_INSTALL_INCLUDEDIR}/varnic")
+
+# Warnings belong to our own presets: a consumer's build must not fail on a compiler newer than ours.
+function(varnic_own_code target)
+  if(VARNIC_WERROR)
+    target_compile_options(${target} PRIVATE
+      -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wvla -Wold-style-cast -Werror)
+  endif()
+endfunction()
+
+# varnic_library(NAME HDRS a.h … [SRCS a.cc …] [DEPS …] [PRIVATE_DEPS …])
+# Makes varnic_NAME, known to everyone as varnic::NAME. HDRS are public and get installed.
+function(varnic_library name)
+  cmake_parse_arguments(arg "" "" "HDRS;SRCS;DEPS;PRIVATE_DEPS" ${ARGN})
+  set(target varnic_${name})
+  if(arg_SRCS)
+    add_library(${target} STATIC ${arg_HDRS} ${arg_SRCS})
+    set(scope PUBLIC)
+    varnic_own_code(${target})
+  else()
+    add_library(${target} INTERFACE)
+    set(scope INTERFACE)
+  endif()
+  add_library(varnic::${name} ALIAS ${target})
+  set_target_properties(${target} PROPERTIES EXPORT_NAME ${name})
+  target_compile_features(${target} ${scope} cxx_std_17)
+  target_include_directories(${target} ${scope}
+    "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>"
+    "$<INSTALL_INTERFACE:${VARNIC_INCLUDE_DIR}>")
+  target_link_libraries(${target} ${scope} ${arg_DEPS})
+  if(arg_PRIVATE_DEPS)
+    target_link_libraries(${target} PRIVATE ${arg_PRIVATE_DEPS})
+  endif()
+  if(VARNIC_INSTALL)
+    install(TARGETS ${target} EXPORT varnicTargets)
+    foreach(header IN LISTS arg_HDRS)
+      varnic_install_header("${CMAKE_CURRENT_SOURCE_DIR}/${header}" "${PROJECT_SOURCE_DIR}")
+    endforeach()
+  endif()
+endfunction()
+
+# Installs `header` under its path relative to `root`.
+function(varnic_install_header header root)
+  file(RELATIVE_PATH path "${root}" "${header}")
+  cmake_path(GET path PARENT_PATH folder)
+  install(FILES "${header}" DESTINATION "${VARNIC_INCLUDE_DIR}/${folder}")
+endfunction()
+
+# varnic_protos(TARGET IMPORT_ROOT dir PROTOS rpc/a.proto …)
+# Compiles protos into TARGET. protoc's files go to the build tree, under the include root
+# VARNIC_GENERATED_DIR, and are installed with the other headers.
+function(varnic_protos target)
+  cmake_parse_arguments(arg "" "IMPORT_ROOT" "PROTOS" ${ARGN})
+  foreach(proto IN LISTS arg_PROTOS)
+    string(REGEX REPLACE "\\.proto$" "" stem "${proto}")
+    set(outputs "${VARNIC_GENERATED_DIR}/${stem}.pb.h" "${VARNIC_GENERATED_DIR}/${stem}.pb.cc")
+    add_custom_command(
+      OUTPUT ${outputs}
+      COMMAND "${CMAKE_COMMAND}" -E make_directory "${VARNIC_GENERATED_DIR}"
+      COMMAND protobuf::protoc "--proto_path=${arg_IMPORT_ROOT}" "--cpp_out=${VARNIC_GENERATED_DIR}"
+              "${arg_IMPORT_ROOT}/${proto}"
+      DEPENDS "${arg_IMPORT_ROOT}/${proto}"
+      COMMENT "protoc ${proto}"
+      VERBATIM)
+    target_sources(${target} PRIVATE ${outputs})
+    # protoc's code is not ours to make warning-free.
+    set_source_files_properties(${outputs} PROPERTIES COMPILE_OPTIONS "-w")
+    if(VARNIC_INSTALL)
+      varnic_install_header("${VARNIC_GENERATED_DIR}/${stem}.pb.h" "${VARNIC_GENERATED_DIR}")
+      cmake_path(GET proto PARENT_PATH folder)
+      install(FILES "${arg_IMPORT_ROOT}/${proto}"
+              DESTINATION "${CMAKE_INSTALL_DATADIR}/varnic/proto/${folder}")
+    endif()
+  endforeach()
+  target_include_directories(${target} SYSTEM PUBLIC "$<BUILD_INTERFACE:${VARNIC_GENERATED_DIR}>")
+endfunction()
+
+# varnic_test(NAME [SRCS …] [DEPS …]): NAME.cc unless SRCS says otherwise; one ctest entry.
+function(varnic_test name)
+  if(NOT VARNIC_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(arg "" "" "SRCS;DEPS" ${ARGN})
+  if(NOT arg_SRCS)
+    set(arg_SRCS ${name}.cc)
+  endif()
+  add_executable(${name} ${arg_SRCS})
+  varnic_own_code(${name})
+  target_link_libraries(${name} PRIVATE ${arg_DEPS} GTest::gmock GTest::gtest_main)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 120 ENVIRONMENT "${VARNIC_SANITIZER_ENVIRONMENT}")
+endfunction()
+
+# What every test process runs with, in whichever preset; a plain build ignores it. A trap must end
+# the process as it does without a sanitizer. The suppressions name the deliberate leaks.
+set(VARNIC_SANITIZER_ENVIRONMENT
+  "ASAN_OPTIONS=detect_leaks=1:handle_sigill=0:handle_abort=0:strict_string_checks=1:detect_stack_use_after_return=1"
+  "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/leak_suppressions.txt:print_suppressions=0"
+  "UBSAN_OPTIONS=print_stacktrace=1"
+  "TSAN_OPTIONS=halt_on_error=1")
+
+# varnic_benchmark(NAME [SRCS …] [DEPS …])
+function(varnic_benchmark name)
+  cmake_parse_arguments(arg "" "" "SRCS;DEPS" ${ARGN})
+  if(NOT arg_SRCS)
+    set(arg_SRCS ${name}.cc)
+  endif()
+  add_executable(${name} ${arg_SRCS})
+  varnic_own_code(${name})
+  target_link_libraries(${name} PRIVATE ${arg_DEPS} benchmark::benchmark_main)
+endfunction()
