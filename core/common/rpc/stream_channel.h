@@ -1,0 +1,51 @@
+#ifndef CORE_COMMON_RPC_STREAM_CHANNEL_H_
+#define CORE_COMMON_RPC_STREAM_CHANNEL_H_
+
+#include <memory>
+
+namespace rpc::transport {
+class StreamMessage;
+}  // namespace rpc::transport
+
+namespace varnic {
+
+// The handle of one open stream on the transport. Move-only: whoever receives one, by value, owns
+// its own object, and only the last owner's object stands for the stream. A moved-from channel is
+// empty; every operation on an empty channel is harmless and does nothing.
+//
+// Destroying the last live handle of a stream that was not completed ends the stream with status
+// CANCELLED. RPC thread only.
+class StreamChannel {
+ public:
+  // The transport's end of a channel: one object for each open stream, owned by its handle.
+  class Transport {
+   public:
+    // Ends the stream with status CANCELLED if it was not completed.
+    virtual ~Transport() = default;
+    // Queues `envelope` for the peer. False if it can no longer be delivered.
+    virtual bool Send(const ::rpc::transport::StreamMessage& envelope) = 0;
+    // Ends the stream with status OK. May destroy the transport, with everything that owns it,
+    // before it returns.
+    virtual void Complete() = 0;
+    // Whether the peer can still receive.
+    virtual bool IsPeerPresent() const = 0;
+  };
+
+  explicit StreamChannel(std::unique_ptr<Transport> transport);
+  StreamChannel(StreamChannel&& other) noexcept;
+  ~StreamChannel();
+
+  // False once the channel was moved from.
+  explicit operator bool() const { return transport_ != nullptr; }
+
+  bool Send(const ::rpc::transport::StreamMessage& envelope);
+  void Complete();
+  bool IsPeerPresent() const;
+
+ private:
+  std::unique_ptr<Transport> transport_;
+};
+
+}  // namespace varnic
+
+#endif  // CORE_COMMON_RPC_STREAM_CHANNEL_H_
