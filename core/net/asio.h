@@ -1,0 +1,27 @@
+#ifndef CORE_NET_ASIO_H_
+#define CORE_NET_ASIO_H_
+
+// How this room includes Asio, which no header of another room does. Asio is used with error codes
+// only, and what it would throw all the same (a failure to make an epoll instance, say) is fatal.
+
+#include <asio/basic_socket_acceptor.hpp>
+#include <asio/generic/stream_protocol.hpp>
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/local/stream_protocol.hpp>
+#include <asio/post.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "core/common/rpc/fatal.h"
+
+namespace asio::detail {
+
+template <typename Exception>
+void throw_exception(const Exception& exception) {
+  VARNIC_FATAL(exception.what());
+}
+
+}  // namespace asio::detail
+
+#endif  // CORE_NET_ASIO_H_

@@ -1,0 +1,41 @@
+#ifndef CORE_NET_BYTE_STREAM_H_
+#define CORE_NET_BYTE_STREAM_H_
+
+#include <cstddef>
+#include <string_view>
+
+#include "absl/status/status.h"
+
+namespace varnic::net {
+
+// A connected stream of bytes in both directions: a socket, or what stands in for one. Never
+// blocks.
+//
+// Destroying it closes it, inside any visitor call too; no visitor call comes afterwards. RPC
+// thread only.
+class ByteStream {
+ public:
+  class Visitor {
+   public:
+    virtual ~Visitor() = default;
+    // Bytes from the peer, valid for the call.
+    virtual void OnBytes(std::string_view bytes) = 0;
+    // There is room again, after a Write() that did not take everything.
+    virtual void OnWritable() = 0;
+    // The peer has closed (OK), or the connection has failed. The last call.
+    virtual void OnClosed(const absl::Status& status) = 0;
+  };
+
+  virtual ~ByteStream() = default;
+
+  // Starts to read. `visitor` must outlive the stream.
+  virtual void Start(Visitor& visitor) = 0;
+
+  // Sends what fits now, and returns how much that was. After less than all of it, OnWritable()
+  // tells when to go on. Failures are reported by OnClosed().
+  [[nodiscard]] virtual std::size_t Write(std::string_view bytes) = 0;
+};
+
+}  // namespace varnic::net
+
+#endif  // CORE_NET_BYTE_STREAM_H_

@@ -1,0 +1,94 @@
+#ifndef CORE_NET_EVENT_LOOP_H_
+#define CORE_NET_EVENT_LOOP_H_
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "absl/functional/function_ref.h"
+#include "absl/time/time.h"
+
+namespace asio {
+class io_context;
+}  // namespace asio
+
+namespace varnic::net {
+
+// The loop that one thread runs, and on which everything of a server or a client happens: sockets,
+// timers and posted tasks, one at a time.
+//
+// Outlives everything that is made on it. Post() and Stop() may be called from any thread; the rest
+// belongs to the thread that runs the loop, or to whichever thread sets it up or takes it down
+// while nobody runs it.
+class EventLoop {
+ public:
+  EventLoop();
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+  // Tasks that have not run are destroyed unrun.
+  ~EventLoop();
+
+  // Makes the calling thread the loop's until Stop(). A Stop() before Run() counts, and a loop that
+  // was stopped never runs again. Fatal while the loop runs already.
+  void Run();
+  // The same until `done()` holds, which is asked after every step; false after Stop().
+  bool RunUntil(absl::FunctionRef<bool()> done);
+  void Stop();
+
+  // Runs what is ready to run, without waiting; after Stop() too, so that an owner can settle what
+  // was posted before it goes.
+  void RunPending();
+
+  // Runs `task` on the loop's thread, later; those of one thread in the order of its calls.
+  void Post(std::function<void()> task);
+
+  // Whether the caller may touch what lives on the loop.
+  bool IsLoopThread() const;
+
+  asio::io_context& context() { return *context_; }
+
+ private:
+  class RunScope;
+  struct Work;
+
+  std::unique_ptr<asio::io_context> context_;
+  std::unique_ptr<Work> work_;           // Lets a loop with nothing to do wait, rather than end.
+  std::atomic<std::thread::id> thread_;  // None while nobody runs the loop.
+};
+
+// One timer on a loop. Safe to start again, to cancel and to destroy at any time, inside its own
+// callback too; the callback of a cancelled or destroyed timer never runs.
+class Timer {
+ public:
+  explicit Timer(EventLoop& loop);
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+  ~Timer();
+
+  // Runs `callback` once, `delay` from now. An earlier Start() no longer counts.
+  void Start(absl::Duration delay, std::function<void()> callback);
+  void Cancel();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Watches for SIGINT and SIGTERM on a loop, instead of their default actions.
+class StopSignals {
+ public:
+  // Runs `on_signal` on the loop, once for each signal.
+  StopSignals(EventLoop& loop, std::function<void(int signal)> on_signal);
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+  ~StopSignals();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace varnic::net
+
+#endif  // CORE_NET_EVENT_LOOP_H_

@@ -1,0 +1,326 @@
+#include "core/net/event_loop.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "absl/time/clock.h"
+
+namespace varnic::net {
+namespace {
+
+using ::testing::ElementsAre;
+
+TEST(EventLoopTest, PostedTasksRunInOrderAndNotInsidePost) {
+  EventLoop loop;
+  std::vector<std::string> events;
+
+  loop.Post([&] {
+    loop.Post([&] {
+      events.push_back("inner");
+      loop.Stop();
+    });
+    events.push_back("first");
+  });
+  loop.Post([&] { events.push_back("second"); });
+  EXPECT_TRUE(events.empty());
+  loop.Run();
+
+  EXPECT_THAT(events, ElementsAre("first", "second", "inner"));
+}
+
+TEST(EventLoopTest, TasksFromOtherThreadsAllRunOnTheLoopThreadInTheirOrder) {
+  constexpr int kThreads = 4;
+  constexpr int kTasks = 1000;
+  EventLoop loop;
+  std::vector<std::vector<int>> seen(kThreads);
+  int left = kThreads * kTasks;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int task = 0; task < kTasks; ++task) {
+        loop.Post([&, thread, task] {
+          EXPECT_TRUE(loop.IsLoopThread());
+          seen[thread].push_back(task);
+          if (--left == 0) loop.Stop();
+        });
+      }
+    });
+  }
+
+  loop.Run();
+  for (std::thread& thread : threads) thread.join();
+
+  for (const std::vector<int>& tasks : seen) {
+    ASSERT_EQ(tasks.size(), static_cast<std::size_t>(kTasks));
+    for (int task = 0; task < kTasks; ++task) ASSERT_EQ(tasks[task], task);
+  }
+}
+
+TEST(EventLoopTest, ALoopWithNothingToDoWaitsForAnotherThread) {
+  EventLoop loop;
+  bool ran = false;
+  std::thread poster;
+  // Posts only once the loop runs, so that it has to be woken.
+  loop.Post([&] { poster = std::thread([&] { loop.Post([&] { ran = true; }); }); });
+
+  EXPECT_TRUE(loop.RunUntil([&] { return ran; }));
+
+  poster.join();
+}
+
+TEST(EventLoopTest, ALoopThatRanOutOfWorkRunsAgain) {
+  EventLoop loop;
+  for (int turn = 0; turn < 3; ++turn) {
+    bool ran = false;
+    loop.Post([&] { ran = true; });
+
+    EXPECT_TRUE(loop.RunUntil([&] { return ran; })) << turn;
+    loop.RunPending();
+  }
+}
+
+TEST(EventLoopTest, StopComesFromAnyThread) {
+  EventLoop loop;
+  std::thread stopper([&] { loop.Stop(); });
+
+  loop.Run();
+
+  stopper.join();
+}
+
+TEST(EventLoopTest, AStopBeforeRunCountsAndLasts) {
+  EventLoop loop;
+  bool ran = false;
+  loop.Post([&] { ran = true; });
+
+  loop.Stop();
+  loop.Run();
+
+  EXPECT_FALSE(loop.RunUntil([&] { return ran; }));
+  EXPECT_FALSE(ran);
+}
+
+TEST(EventLoopTest, PendingTasksCanBeSettledAfterStopWithoutRevivingTheLoop) {
+  EventLoop loop;
+  int runs = 0;
+  loop.Stop();
+  loop.Post([&] { ++runs; });
+
+  loop.RunPending();
+
+  EXPECT_EQ(runs, 1);
+  loop.Post([&] { ++runs; });
+  loop.Run();  // Returns, because the loop was stopped.
+  EXPECT_EQ(runs, 1);
+}
+
+TEST(EventLoopTest, RunPendingDoesNotWait) {
+  EventLoop loop;
+  Timer timer(loop);
+  timer.Start(absl::Hours(1), [] { ADD_FAILURE(); });
+
+  loop.RunPending();
+}
+
+TEST(EventLoopTest, TasksThatHaveNotRunAreDestroyedUnrun) {
+  auto token = std::make_shared<int>();
+  {
+    EventLoop loop;
+    loop.Post([token] { ADD_FAILURE(); });
+    EXPECT_EQ(token.use_count(), 2);
+  }
+
+  EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(EventLoopTest, TheLoopBelongsToWhoeverRunsIt) {
+  EventLoop loop;
+  EXPECT_TRUE(loop.IsLoopThread());
+  bool foreign = true;
+  loop.Post([&] {
+    EXPECT_TRUE(loop.IsLoopThread());
+    std::thread([&] { foreign = loop.IsLoopThread(); }).join();
+    loop.Stop();
+  });
+
+  loop.Run();
+
+  EXPECT_FALSE(foreign);
+  EXPECT_TRUE(loop.IsLoopThread());
+}
+
+TEST(EventLoopDeathTest, RunningALoopInsideItselfIsFatal) {
+  ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(
+      {
+        EventLoop loop;
+        loop.Post([&] { loop.Run(); });
+        loop.Run();
+      },
+      "Check failed");
+}
+
+class TimerTest : public ::testing::Test {
+ protected:
+  // Lets every callback that could still come do so: a timer that is due later runs after them.
+  void RunUntilIdle() {
+    bool idle = false;
+    Timer last(loop_);
+    last.Start(absl::Milliseconds(5), [&] { idle = true; });
+    EXPECT_TRUE(loop_.RunUntil([&] { return idle; }));
+  }
+
+  EventLoop loop_;
+};
+
+TEST_F(TimerTest, RunsItsCallbackOnceAndNotBeforeItsTime) {
+  Timer timer(loop_);
+  int runs = 0;
+  const absl::Time start = absl::Now();
+  timer.Start(absl::Milliseconds(2), [&] { ++runs; });
+
+  EXPECT_TRUE(loop_.RunUntil([&] { return runs > 0; }));
+
+  EXPECT_GE(absl::Now() - start, absl::Milliseconds(1));
+  RunUntilIdle();
+  EXPECT_EQ(runs, 1);
+}
+
+TEST_F(TimerTest, ADelayOfZeroOrLessIsDueAtOnceButNotInsideStart) {
+  for (const absl::Duration delay : {absl::ZeroDuration(), -absl::Hours(1)}) {
+    Timer timer(loop_);
+    bool ran = false;
+
+    timer.Start(delay, [&] { ran = true; });
+    EXPECT_FALSE(ran);
+
+    EXPECT_TRUE(loop_.RunUntil([&] { return ran; }));
+  }
+}
+
+TEST_F(TimerTest, AnEndlessDelayNeverComesDue) {
+  Timer timer(loop_);
+  timer.Start(absl::InfiniteDuration(), [] { ADD_FAILURE(); });
+
+  RunUntilIdle();
+}
+
+TEST_F(TimerTest, ACancelledTimerIsSilent) {
+  Timer timer(loop_);
+  timer.Start(absl::ZeroDuration(), [] { ADD_FAILURE(); });
+
+  timer.Cancel();
+  timer.Cancel();
+
+  RunUntilIdle();
+}
+
+TEST_F(TimerTest, ADestroyedTimerIsSilent) {
+  auto timer = std::make_unique<Timer>(loop_);
+  timer->Start(absl::ZeroDuration(), [] { ADD_FAILURE(); });
+
+  timer = nullptr;
+
+  RunUntilIdle();
+}
+
+TEST_F(TimerTest, CancellingWhatIsDueAlreadyKeepsItSilent) {
+  // Both are due in the same turn of the loop; the first to run cancels the other.
+  Timer first(loop_);
+  Timer second(loop_);
+  int runs = 0;
+  first.Start(absl::ZeroDuration(), [&] {
+    ++runs;
+    second.Cancel();
+  });
+  second.Start(absl::ZeroDuration(), [&] {
+    ++runs;
+    first.Cancel();
+  });
+
+  RunUntilIdle();
+
+  EXPECT_EQ(runs, 1);
+}
+
+TEST_F(TimerTest, ASecondStartReplacesTheFirst) {
+  Timer timer(loop_);
+  std::vector<std::string> events;
+  timer.Start(absl::ZeroDuration(), [&] { events.push_back("first"); });
+  timer.Start(absl::Milliseconds(1), [&] { events.push_back("second"); });
+
+  RunUntilIdle();
+
+  EXPECT_THAT(events, ElementsAre("second"));
+}
+
+TEST_F(TimerTest, MayBeStartedAgainInsideItsCallback) {
+  Timer timer(loop_);
+  int runs = 0;
+  std::function<void()> tick = [&] {
+    if (++runs < 3) timer.Start(absl::ZeroDuration(), tick);
+  };
+  timer.Start(absl::ZeroDuration(), tick);
+
+  EXPECT_TRUE(loop_.RunUntil([&] { return runs == 3; }));
+}
+
+TEST_F(TimerTest, MayBeDestroyedInsideItsCallback) {
+  auto timer = std::make_unique<Timer>(loop_);
+  const auto token = std::make_shared<std::string>("still there");
+  std::string seen;
+  timer->Start(absl::ZeroDuration(), [&, token] {
+    timer = nullptr;
+    seen = *token;
+  });
+
+  EXPECT_TRUE(loop_.RunUntil([&] { return timer == nullptr; }));
+
+  EXPECT_EQ(seen, "still there");
+}
+
+TEST(StopSignalsTest, EachSignalIsToldOnTheLoop) {
+  EventLoop loop;
+  std::vector<int> signals;
+  const StopSignals watch(loop, [&](int signal) {
+    EXPECT_TRUE(loop.IsLoopThread());
+    signals.push_back(signal);
+  });
+
+  std::raise(SIGTERM);
+  EXPECT_TRUE(loop.RunUntil([&] { return signals.size() == 1; }));
+  std::raise(SIGINT);
+  EXPECT_TRUE(loop.RunUntil([&] { return signals.size() == 2; }));
+
+  EXPECT_THAT(signals, ElementsAre(SIGTERM, SIGINT));
+}
+
+TEST(StopSignalsTest, NothingIsToldAfterItsEnd) {
+  EventLoop loop;
+  auto watch = std::make_unique<StopSignals>(loop, [](int) { ADD_FAILURE(); });
+  std::raise(SIGTERM);
+
+  watch = nullptr;
+
+  loop.RunPending();
+}
+
+TEST(StopSignalsDeathTest, TheDefaultActionReturnsWithTheEndOfTheWatch) {
+  ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_EXIT(
+      {
+        EventLoop loop;
+        std::make_unique<StopSignals>(loop, [](int) {});
+        std::raise(SIGTERM);
+      },
+      ::testing::KilledBySignal(SIGTERM), "");
+}
+
+}  // namespace
+}  // namespace varnic::net

@@ -1,0 +1,161 @@
+#include "core/net/grpc_server_connection.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "absl/container/inlined_vector.h"
+#include "absl/strings/str_cat.h"
+#include "core/net/grpc_status.h"
+#include "core/net/percent_encoding.h"
+
+namespace varnic::net {
+namespace {
+
+constexpr HeaderField kStatusOk{":status", "200"};
+constexpr HeaderField kContentType{"content-type", "application/grpc"};
+constexpr HeaderField kAcceptEncoding{"grpc-accept-encoding", "identity"};
+
+// Many clients read no more than 8 KiB of header fields, and refuse the whole answer otherwise.
+constexpr std::size_t kMaxEncodedText = 6 << 10;
+
+// The grpc-message of a text. One that would be too long is cut, between two characters.
+std::string EncodeText(std::string_view text) {
+  std::string encoded = PercentEncode(text);
+  if (encoded.size() <= kMaxEncodedText) return encoded;
+  std::size_t end = std::min(text.size() - 1, kMaxEncodedText / 3);
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+  return PercentEncode(text.substr(0, end));
+}
+
+}  // namespace
+
+GrpcServerCall::GrpcServerCall(GrpcServerConnection& connection, StreamId stream_id)
+    : connection_(connection),
+      stream_id_(stream_id),
+      reader_(connection.options_.max_message_bytes) {}
+
+GrpcServerCall::~GrpcServerCall() = default;
+
+Http2Session& GrpcServerCall::session() const {
+  return connection_.http2_.session();
+}
+
+void GrpcServerCall::Send(std::string framed) {
+  if (finished_) return;
+  if (!std::exchange(headers_sent_, true)) {
+    session().SendHeaders(stream_id_, {kStatusOk, kContentType, kAcceptEncoding},
+                          /*end_stream=*/false);
+  }
+  session().SendData(stream_id_, std::move(framed), /*end_stream=*/false);
+}
+
+void GrpcServerCall::Finish(const absl::Status& status) {
+  if (std::exchange(finished_, true)) return;
+  TakeVisitor();
+  const std::string message =
+      EncodeText(std::string_view(status.message().data(), status.message().size()));
+  absl::InlinedVector<HeaderField, 5> fields;
+  // Without a message before it, the status stands in the only header block.
+  if (!headers_sent_) fields = {kStatusOk, kContentType, kAcceptEncoding};
+  fields.push_back({"grpc-status", FormatGrpcStatus(status.code())});
+  if (!message.empty()) fields.push_back({"grpc-message", message});
+  if (headers_sent_) {
+    session().SendTrailers(stream_id_, fields);
+  } else {
+    session().SendHeaders(stream_id_, fields, /*end_stream=*/true);
+  }
+}
+
+void GrpcServerCall::OnHeaders(const HeaderList& headers) {
+  if (std::exchange(request_seen_, true)) return;  // A client has nothing to say in trailers.
+  const GrpcRequest request = ParseGrpcRequest(headers);
+  if (const auto* head = std::get_if<GrpcRequestHead>(&request)) {
+    Begin(*head);
+  } else if (const auto* status = std::get_if<absl::Status>(&request)) {
+    Finish(*status);
+  } else {
+    Reject(std::get<HttpRejection>(request));
+  }
+}
+
+void GrpcServerCall::Begin(const GrpcRequestHead& head) {
+  names_encoding_ = head.encoding != "identity";
+  if (head.timeout != absl::InfiniteDuration()) {
+    deadline_ = absl::Now() + head.timeout;
+    timer_ = std::make_unique<Timer>(connection_.loop_);
+    timer_->Start(head.timeout,
+                  [this] { Cancel(absl::DeadlineExceededError("Deadline exceeded")); });
+  }
+  connection_.visitor_.OnCall(*this, head);
+}
+
+void GrpcServerCall::Reject(const HttpRejection& rejection) {
+  finished_ = true;
+  session().SendHeaders(stream_id_, {HeaderField{":status", rejection.http_status}},
+                        /*end_stream=*/true);
+}
+
+void GrpcServerCall::OnData(std::string_view chunk) {
+  if (visitor_ == nullptr) return;
+  const absl::Status status = reader_.Read(
+      chunk,
+      [this](std::string_view message, bool compressed) { return OnMessage(message, compressed); });
+  if (!status.ok()) Cancel(status);
+}
+
+absl::Status GrpcServerCall::OnMessage(std::string_view message, bool compressed) {
+  if (visitor_ == nullptr) return absl::CancelledError("the call has ended");
+  if (compressed && !names_encoding_) {
+    return absl::InternalError(
+        "A message is marked as compressed, but grpc-encoding names nothing");
+  }
+  if (compressed) {
+    return absl::UnimplementedError(
+        "Compressed messages are not supported; grpc-accept-encoding names what is");
+  }
+  visitor_->OnMessage(message);
+  return absl::OkStatus();
+}
+
+void GrpcServerCall::OnRemoteEnd() {
+  if (visitor_ == nullptr) return;
+  const absl::Status status = reader_.Finish();
+  if (status.ok()) {
+    visitor_->OnHalfClose();
+  } else {
+    Cancel(status);
+  }
+}
+
+void GrpcServerCall::OnClosed(Http2Error /*error*/) {
+  finished_ = true;
+  if (Visitor* visitor = TakeVisitor()) visitor->OnCancelled();
+}
+
+void GrpcServerCall::Cancel(const absl::Status& status) {
+  Visitor* visitor = TakeVisitor();
+  Finish(status);
+  if (visitor != nullptr) visitor->OnCancelled();
+}
+
+GrpcServerCall::Visitor* GrpcServerCall::TakeVisitor() {
+  if (timer_ != nullptr) timer_->Cancel();
+  return std::exchange(visitor_, nullptr);
+}
+
+GrpcServerConnection::GrpcServerConnection(EventLoop& loop, std::unique_ptr<ByteStream> stream,
+                                           const GrpcServerOptions& options, Visitor& visitor)
+    : loop_(loop),
+      options_(options),
+      visitor_(visitor),
+      http2_(loop, std::move(stream), Http2Session::Role::kServer, options.http2, *this) {}
+
+std::unique_ptr<Http2Session::Handler> GrpcServerConnection::OnNewStream(StreamId stream_id) {
+  return std::make_unique<GrpcServerCall>(*this, stream_id);
+}
+
+void GrpcServerConnection::OnConnectionClosed(const absl::Status& status) {
+  visitor_.OnConnectionClosed(*this, status);
+}
+
+}  // namespace varnic::net

@@ -1,0 +1,128 @@
+#ifndef CORE_NET_GRPC_SERVER_CONNECTION_H_
+#define CORE_NET_GRPC_SERVER_CONNECTION_H_
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+#include "core/net/byte_stream.h"
+#include "core/net/event_loop.h"
+#include "core/net/grpc_request.h"
+#include "core/net/http2_connection.h"
+#include "core/net/http2_session.h"
+#include "core/net/message_framing.h"
+
+namespace varnic::net {
+
+class GrpcServerConnection;
+
+struct GrpcServerOptions {
+  Http2Options http2;
+  // The largest message that a client may send.
+  std::size_t max_message_bytes = 4 << 20;
+};
+
+// The server's side of one gRPC call, unary or streaming: its messages, its deadline and its
+// status. Knows nothing of services.
+//
+// Lives for as long as its HTTP/2 stream, which owns it. Its visitor may use it from OnCall() until
+// the call ends, which happens in exactly one of two ways: the visitor calls Finish(), or it is
+// told OnCancelled(). RPC thread only.
+class GrpcServerCall : public Http2Session::Handler {
+ public:
+  class Visitor {
+   public:
+    virtual ~Visitor() = default;
+    // One whole message, valid for the call.
+    virtual void OnMessage(std::string_view message) = 0;
+    // The client sends no more messages.
+    virtual void OnHalfClose() = 0;
+    // Nobody waits for an answer any more: the client has reset the call, its connection is lost,
+    // its deadline has passed, or what it sent could not be read. The call is not to be used again.
+    virtual void OnCancelled() = 0;
+  };
+
+  GrpcServerCall(GrpcServerConnection& connection, StreamId stream_id);
+  GrpcServerCall(const GrpcServerCall&) = delete;
+  GrpcServerCall& operator=(const GrpcServerCall&) = delete;
+  ~GrpcServerCall() override;
+
+  // Whoever gets a new call either accepts it, with a visitor that lives until the call ends, or
+  // finishes it at once.
+  void Accept(Visitor& visitor) { visitor_ = &visitor; }
+
+  // absl::InfiniteFuture() if the client set no timeout.
+  absl::Time deadline() const { return deadline_; }
+
+  // Sends one message, framed by FrameMessage().
+  void Send(std::string framed);
+  // Ends the call behind what was sent. A text of many kilobytes reaches the client cut.
+  void Finish(const absl::Status& status);
+
+ private:
+  void OnHeaders(const HeaderList& headers) override;
+  void OnData(std::string_view chunk) override;
+  void OnRemoteEnd() override;
+  void OnClosed(Http2Error error) override;
+
+  void Begin(const GrpcRequestHead& head);
+  void Reject(const HttpRejection& rejection);
+  absl::Status OnMessage(std::string_view message, bool compressed);
+  // Ends a call that the visitor has not finished.
+  void Cancel(const absl::Status& status);
+  // The visitor that is to hear of the end; null if it has ended the call itself.
+  Visitor* TakeVisitor();
+
+  Http2Session& session() const;
+
+  GrpcServerConnection& connection_;
+  const StreamId stream_id_;
+  Visitor* visitor_ = nullptr;  // Null before Accept(), and once the call has ended.
+  absl::Time deadline_ = absl::InfiniteFuture();
+  MessageReader reader_;
+  bool request_seen_ = false;
+  bool names_encoding_ = false;  // The client's grpc-encoding is one that compresses.
+  bool headers_sent_ = false;
+  bool finished_ = false;
+  std::unique_ptr<Timer> timer_;  // Only with a deadline.
+};
+
+// The server's end of one connection, from which calls come. Owns the byte stream. RPC thread only.
+class GrpcServerConnection : private Http2Connection::Visitor {
+ public:
+  class Visitor {
+   public:
+    virtual ~Visitor() = default;
+    // A new call: Accept() it or Finish() it. `head` is valid for the call.
+    virtual void OnCall(GrpcServerCall& call, const GrpcRequestHead& head) = 0;
+    // The connection is lost or done, and its calls are over. The last call; may destroy the
+    // connection.
+    virtual void OnConnectionClosed(GrpcServerConnection& connection,
+                                    const absl::Status& status) = 0;
+  };
+
+  // `visitor` must outlive the connection.
+  GrpcServerConnection(EventLoop& loop, std::unique_ptr<ByteStream> stream,
+                       const GrpcServerOptions& options, Visitor& visitor);
+  // Cancels the calls that are open.
+  ~GrpcServerConnection() override = default;
+
+ private:
+  friend class GrpcServerCall;
+
+  std::unique_ptr<Http2Session::Handler> OnNewStream(StreamId stream_id) override;
+  void OnGoaway() override {}
+  void OnConnectionClosed(const absl::Status& status) override;
+
+  EventLoop& loop_;
+  const GrpcServerOptions options_;
+  Visitor& visitor_;
+  Http2Connection http2_;  // Last: calls into the rest.
+};
+
+}  // namespace varnic::net
+
+#endif  // CORE_NET_GRPC_SERVER_CONNECTION_H_

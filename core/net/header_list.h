@@ -1,0 +1,43 @@
+#ifndef CORE_NET_HEADER_LIST_H_
+#define CORE_NET_HEADER_LIST_H_
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace varnic::net {
+
+// One header field. Views: whoever hands one out says how long it is valid.
+struct HeaderField {
+  std::string_view name;
+  std::string_view value;
+};
+
+// The fields of one received header block, in their order. One block after another may be gathered
+// in the same list without new memory. Its fields are views into it, valid until the next change.
+class HeaderList {
+ public:
+  void Add(std::string_view name, std::string_view value);
+  void Clear();
+
+  std::size_t size() const { return fields_.size(); }
+  HeaderField operator[](std::size_t i) const;
+
+  // The value of the first field of that name; a view with a null data() if there is none.
+  std::string_view Find(std::string_view name) const;
+
+ private:
+  struct Extent {
+    std::size_t offset;
+    std::size_t name_size;
+    std::size_t value_size;
+  };
+
+  std::string text_;
+  std::vector<Extent> fields_;
+};
+
+}  // namespace varnic::net
+
+#endif  // CORE_NET_HEADER_LIST_H_

@@ -1,0 +1,431 @@
+#include "core/net/http2_session.h"
+
+#include <nghttp2/nghttp2.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "absl/container/inlined_vector.h"
+#include "absl/strings/escaping.h"
+#include "absl/strings/str_cat.h"
+#include "core/common/rpc/fatal.h"
+
+namespace varnic::net {
+namespace {
+
+// What RFC 9113, section 6.5.2, adds to the size of each field.
+constexpr std::size_t kHeaderOverhead = 32;
+
+// How many frames may wait for a peer that reads nothing.
+constexpr std::size_t kMaxQueuedFrames = 10'000;
+
+// nghttp2 copies names and values, so views are enough.
+class NameValues {
+ public:
+  explicit NameValues(absl::Span<const HeaderField> headers) {
+    for (const HeaderField& header : headers) {
+      fields_.push_back({Bytes(header.name), Bytes(header.value), header.name.size(),
+                         header.value.size(), NGHTTP2_NV_FLAG_NONE});
+    }
+  }
+
+  const nghttp2_nv* data() const { return fields_.data(); }
+  std::size_t size() const { return fields_.size(); }
+
+ private:
+  static uint8_t* Bytes(std::string_view text) {
+    return reinterpret_cast<uint8_t*>(const_cast<char*>(text.data()));
+  }
+
+  absl::InlinedVector<nghttp2_nv, 16> fields_;
+};
+
+// What nghttp2 reports here is either our own bug or a lack of memory.
+void CheckOk(int nghttp2_result) {
+  VARNIC_CHECK(nghttp2_result == 0);
+}
+
+// How much of a peer's explanation is worth repeating.
+constexpr std::size_t kMaxQuotedBytes = 128;
+
+std::string Describe(const nghttp2_goaway& goaway) {
+  const std::string text(reinterpret_cast<const char*>(goaway.opaque_data),
+                         std::min(goaway.opaque_data_len, kMaxQuotedBytes));
+  return absl::StrCat("HTTP/2 error code ", goaway.error_code, text.empty() ? "" : ": ",
+                      absl::CHexEscape(text));
+}
+
+bool EndsStream(const nghttp2_frame& frame) {
+  return (frame.hd.flags & NGHTTP2_FLAG_END_STREAM) != 0 &&
+         (frame.hd.type == NGHTTP2_DATA || frame.hd.type == NGHTTP2_HEADERS);
+}
+
+}  // namespace
+
+struct Http2Session::Stream {
+  std::unique_ptr<Handler> handler;
+  std::string queue;
+  std::size_t sent = 0;  // Of `queue`.
+  bool end_after_queue = false;
+  bool local_ended = false;
+  bool remote_ended = false;
+  std::vector<std::pair<std::string, std::string>> trailers;
+};
+
+struct Http2Session::Callbacks {
+  static Http2Session& Self(void* user_data) { return *static_cast<Http2Session*>(user_data); }
+
+  static int OnBeginHeaders(nghttp2_session* /*session*/, const nghttp2_frame* frame,
+                            void* user_data) {
+    Http2Session& self = Self(user_data);
+    self.incoming_.Clear();
+    self.incoming_bytes_ = 0;
+    if (frame->headers.cat == NGHTTP2_HCAT_REQUEST) {
+      self.streams_[frame->hd.stream_id] = std::make_unique<Stream>();
+    }
+    return 0;
+  }
+
+  static int OnHeader(nghttp2_session* session, const nghttp2_frame* frame, const uint8_t* name,
+                      size_t name_size, const uint8_t* value, size_t value_size, uint8_t /*flags*/,
+                      void* user_data) {
+    Http2Session& self = Self(user_data);
+    self.incoming_bytes_ += name_size + value_size + kHeaderOverhead;
+    if (self.incoming_bytes_ > self.options_.max_header_list_bytes) {
+      SubmitReset(session, frame->hd.stream_id, Http2Error::kEnhanceYourCalm);
+      return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // Ignores the rest of the block.
+    }
+    self.incoming_.Add({reinterpret_cast<const char*>(name), name_size},
+                       {reinterpret_cast<const char*>(value), value_size});
+    return 0;
+  }
+
+  static int OnDataChunk(nghttp2_session* /*session*/, uint8_t /*flags*/, int32_t stream_id,
+                         const uint8_t* data, size_t size, void* user_data) {
+    Stream* stream = Self(user_data).Find(stream_id);
+    if (stream != nullptr && stream->handler != nullptr) {
+      stream->handler->OnData({reinterpret_cast<const char*>(data), size});
+    }
+    return 0;
+  }
+
+  static int OnFrame(nghttp2_session* /*session*/, const nghttp2_frame* frame, void* user_data) {
+    Http2Session& self = Self(user_data);
+    if (frame->hd.type == NGHTTP2_GOAWAY) {
+      if (frame->goaway.error_code != NGHTTP2_NO_ERROR) {
+        self.failure_ = absl::UnavailableError(
+            absl::StrCat("the peer ended the connection with ", Describe(frame->goaway)));
+      }
+      self.OnGoaway(frame->goaway.last_stream_id);
+      return 0;
+    }
+    Stream* stream = self.Find(frame->hd.stream_id);
+    if (stream == nullptr) return 0;
+    if (frame->hd.type == NGHTTP2_HEADERS) self.OnHeaderBlock(frame->hd.stream_id, *stream);
+    if (EndsStream(*frame)) {
+      stream->remote_ended = true;
+      if (stream->handler != nullptr) stream->handler->OnRemoteEnd();
+      // Nobody is there to read the rest of the request.
+      if (self.role_ == Role::kClient && !stream->local_ended) {
+        self.Reset(frame->hd.stream_id, Http2Error::kNoError);
+      }
+    }
+    return 0;
+  }
+
+  // A server that has answered does not want the rest of the request, and says so (RFC 9113,
+  // section 8.1); otherwise the stream would count against the peer's limit until it sent the rest.
+  static int OnFrameSent(nghttp2_session* session, const nghttp2_frame* frame, void* user_data) {
+    Http2Session& self = Self(user_data);
+    if (frame->hd.type == NGHTTP2_GOAWAY && frame->goaway.error_code != NGHTTP2_NO_ERROR) {
+      self.failure_ = absl::InvalidArgumentError(
+          absl::StrCat("the peer broke the protocol: ", Describe(frame->goaway)));
+    }
+    if (!EndsStream(*frame)) return 0;
+    Stream* stream = self.Find(frame->hd.stream_id);
+    if (stream == nullptr) return 0;
+    stream->local_ended = true;
+    if (self.role_ == Role::kServer && !stream->remote_ended) {
+      SubmitReset(session, frame->hd.stream_id, Http2Error::kNoError);
+    }
+    return 0;
+  }
+
+  // A header block that nghttp2 finds too large: without an answer its stream would never end, and
+  // a request would look as if the peer had refused it. Other requests that it does not send, it
+  // closes itself.
+  static int OnFrameNotSent(nghttp2_session* session, const nghttp2_frame* frame, int error,
+                            void* user_data) {
+    Http2Session& self = Self(user_data);
+    if (frame->hd.type != NGHTTP2_HEADERS) return 0;
+    if (frame->headers.cat == NGHTTP2_HCAT_REQUEST) {
+      if (error == NGHTTP2_ERR_FRAME_SIZE_ERROR) {
+        self.Close(frame->hd.stream_id, Http2Error::kInternalError);
+      }
+    } else if (self.Find(frame->hd.stream_id) != nullptr) {
+      SubmitReset(session, frame->hd.stream_id, Http2Error::kInternalError);
+    }
+    return 0;
+  }
+
+  static int OnStreamClose(nghttp2_session* /*session*/, int32_t stream_id, uint32_t error_code,
+                           void* user_data) {
+    Self(user_data).Close(stream_id, static_cast<Http2Error>(error_code));
+    return 0;
+  }
+
+  static ssize_t ReadData(nghttp2_session* session, int32_t stream_id, uint8_t* buffer, size_t size,
+                          uint32_t* flags, nghttp2_data_source* source, void* /*user_data*/) {
+    Stream& stream = *static_cast<Stream*>(source->ptr);
+    const std::size_t taken = std::min(size, stream.queue.size() - stream.sent);
+    stream.queue.copy(reinterpret_cast<char*>(buffer), taken, stream.sent);
+    stream.sent += taken;
+    if (stream.sent < stream.queue.size()) return static_cast<ssize_t>(taken);
+
+    std::string().swap(stream.queue);  // An idle stream keeps no buffer.
+    stream.sent = 0;
+    if (stream.end_after_queue) {
+      *flags |= NGHTTP2_DATA_FLAG_EOF;
+      SubmitTrailers(session, stream_id, stream, *flags);
+    } else if (taken == 0) {
+      return NGHTTP2_ERR_DEFERRED;
+    }
+    return static_cast<ssize_t>(taken);
+  }
+
+  static void SubmitTrailers(nghttp2_session* session, StreamId stream_id, const Stream& stream,
+                             uint32_t& flags) {
+    if (stream.trailers.empty()) return;
+    absl::InlinedVector<HeaderField, 4> fields;
+    for (const auto& [name, value] : stream.trailers) fields.push_back({name, value});
+    const NameValues trailers(fields);
+    flags |= NGHTTP2_DATA_FLAG_NO_END_STREAM;
+    CheckOk(nghttp2_submit_trailer(session, stream_id, trailers.data(), trailers.size()));
+  }
+
+  static void SubmitReset(nghttp2_session* session, StreamId stream_id, Http2Error error) {
+    CheckOk(nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, stream_id,
+                                      static_cast<uint32_t>(error)));
+  }
+
+  static nghttp2_data_provider Provider(Stream& stream) {
+    nghttp2_data_provider provider;
+    provider.source.ptr = &stream;
+    provider.read_callback = ReadData;
+    return provider;
+  }
+};
+
+void Http2Session::SessionDeleter::operator()(nghttp2_session* session) const {
+  nghttp2_session_del(session);
+}
+
+Http2Session::Http2Session(Role role, const Http2Options& options, Visitor& visitor)
+    : role_(role), options_(options), visitor_(visitor) {
+  nghttp2_session_callbacks* callbacks;
+  CheckOk(nghttp2_session_callbacks_new(&callbacks));
+  nghttp2_session_callbacks_set_on_begin_headers_callback(callbacks, Callbacks::OnBeginHeaders);
+  nghttp2_session_callbacks_set_on_header_callback(callbacks, Callbacks::OnHeader);
+  nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, Callbacks::OnDataChunk);
+  nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, Callbacks::OnFrame);
+  nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, Callbacks::OnFrameSent);
+  nghttp2_session_callbacks_set_on_frame_not_send_callback(callbacks, Callbacks::OnFrameNotSent);
+  nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, Callbacks::OnStreamClose);
+
+  nghttp2_option* nghttp2_options;
+  CheckOk(nghttp2_option_new(&nghttp2_options));
+  nghttp2_option_set_no_closed_streams(nghttp2_options, 1);
+  // Until the server's settings come, more than one stream may be more than it takes.
+  nghttp2_option_set_peer_max_concurrent_streams(nghttp2_options, 1);
+
+  nghttp2_session* session;
+  CheckOk(role == Role::kServer
+              ? nghttp2_session_server_new2(&session, callbacks, this, nghttp2_options)
+              : nghttp2_session_client_new2(&session, callbacks, this, nghttp2_options));
+  session_.reset(session);
+  nghttp2_option_del(nghttp2_options);
+  nghttp2_session_callbacks_del(callbacks);
+  Greet();
+}
+
+// The settings that this end begins the connection with. RFC 7540's priorities stay on, although
+// nobody sets any: without them nghttp2 serves a stream only when older ones have nothing to send,
+// and one busy stream would starve the others.
+void Http2Session::Greet() {
+  absl::InlinedVector<nghttp2_settings_entry, 4> settings = {
+      {NGHTTP2_SETTINGS_INITIAL_WINDOW_SIZE, options_.stream_window_bytes},
+      {NGHTTP2_SETTINGS_MAX_HEADER_LIST_SIZE, options_.max_header_list_bytes},
+  };
+  if (role_ == Role::kServer) {
+    settings.push_back({NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, options_.max_concurrent_streams});
+  } else {
+    settings.push_back({NGHTTP2_SETTINGS_ENABLE_PUSH, 0});
+  }
+  CheckOk(
+      nghttp2_submit_settings(session_.get(), NGHTTP2_FLAG_NONE, settings.data(), settings.size()));
+  CheckOk(nghttp2_session_set_local_window_size(
+      session_.get(), NGHTTP2_FLAG_NONE, /*stream_id=*/0,
+      static_cast<int32_t>(options_.connection_window_bytes)));
+}
+
+Http2Session::~Http2Session() = default;
+
+absl::Status Http2Session::ProcessBytes(std::string_view bytes) {
+  if (closed_) return absl::UnavailableError("the connection is closed");
+  const ssize_t result = nghttp2_session_mem_recv(
+      session_.get(), reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+  if (result >= 0) return absl::OkStatus();
+  if (result == NGHTTP2_ERR_BAD_CLIENT_MAGIC) {
+    return absl::InvalidArgumentError("the peer does not speak HTTP/2");
+  }
+  return absl::InvalidArgumentError(
+      absl::StrCat("HTTP/2: ", nghttp2_strerror(static_cast<int>(result))));
+}
+
+void Http2Session::TakeOutput(std::size_t limit, std::string& output) {
+  while (!closed_ && output.size() < limit) {
+    const uint8_t* data = nullptr;
+    const ssize_t size = nghttp2_session_mem_send(session_.get(), &data);
+    if (size <= 0) break;
+    output.append(reinterpret_cast<const char*>(data), static_cast<std::size_t>(size));
+  }
+  // At the end: what a handler has submitted meanwhile is taken already, or waits for the peer.
+  output_announced_ = false;
+}
+
+bool Http2Session::IsFlooded() const {
+  // Each open stream has its answer; the rest is resets and acknowledgements.
+  return role_ == Role::kServer && nghttp2_session_get_outbound_queue_size(session_.get()) >
+                                       kMaxQueuedFrames + options_.max_concurrent_streams;
+}
+
+bool Http2Session::IsFinished() const {
+  return closed_ || (nghttp2_session_want_read(session_.get()) == 0 &&
+                     nghttp2_session_want_write(session_.get()) == 0);
+}
+
+StreamId Http2Session::OpenStream(absl::Span<const HeaderField> headers,
+                                  std::unique_ptr<Handler> handler) {
+  if (closed_ || nghttp2_session_check_request_allowed(session_.get()) == 0) return -1;
+  auto stream = std::make_unique<Stream>();
+  stream->handler = std::move(handler);
+  const NameValues fields(headers);
+  const nghttp2_data_provider provider = Callbacks::Provider(*stream);
+  const StreamId stream_id = nghttp2_submit_request(session_.get(), /*pri_spec=*/nullptr,
+                                                    fields.data(), fields.size(), &provider,
+                                                    /*stream_user_data=*/nullptr);
+  if (stream_id < 0) return -1;
+  streams_[stream_id] = std::move(stream);
+  AnnounceOutput();
+  return stream_id;
+}
+
+void Http2Session::SendHeaders(StreamId stream_id, absl::Span<const HeaderField> headers,
+                               bool end_stream) {
+  Stream* stream = Find(stream_id);
+  if (stream == nullptr) return;
+  const NameValues fields(headers);
+  const nghttp2_data_provider provider = Callbacks::Provider(*stream);
+  CheckOk(nghttp2_submit_response(session_.get(), stream_id, fields.data(), fields.size(),
+                                  end_stream ? nullptr : &provider));
+  AnnounceOutput();
+}
+
+void Http2Session::SendData(StreamId stream_id, std::string bytes, bool end_stream) {
+  Stream* stream = Find(stream_id);
+  if (stream == nullptr) return;
+  if (stream->queue.empty()) {
+    stream->queue = std::move(bytes);
+  } else {
+    // A queue that never runs empty must not keep what was sent. Each byte is moved once at most.
+    if (stream->sent >= stream->queue.size() / 2) {
+      stream->queue.erase(0, std::exchange(stream->sent, 0));
+    }
+    stream->queue += bytes;
+  }
+  stream->end_after_queue = end_stream;
+  ResumeData(stream_id);
+}
+
+void Http2Session::SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers) {
+  Stream* stream = Find(stream_id);
+  if (stream == nullptr) return;
+  for (const HeaderField& header : headers) {
+    stream->trailers.emplace_back(header.name, header.value);
+  }
+  stream->end_after_queue = true;
+  ResumeData(stream_id);
+}
+
+void Http2Session::Reset(StreamId stream_id, Http2Error error) {
+  Stream* stream = Find(stream_id);
+  if (stream == nullptr) return;
+  // A request that waits for its turn is forgotten only then; what it would have sent, now.
+  std::string().swap(stream->queue);
+  stream->sent = 0;
+  stream->end_after_queue = false;
+  Callbacks::SubmitReset(session_.get(), stream_id, error);
+  AnnounceOutput();
+}
+
+void Http2Session::SendGoaway() {
+  if (closed_) return;
+  CheckOk(nghttp2_submit_goaway(session_.get(), NGHTTP2_FLAG_NONE,
+                                nghttp2_session_get_last_proc_stream_id(session_.get()),
+                                NGHTTP2_NO_ERROR, /*opaque_data=*/nullptr, 0));
+  AnnounceOutput();
+}
+
+void Http2Session::CloseAllStreams() {
+  closed_ = true;
+  while (!streams_.empty()) Close(streams_.begin()->first, Http2Error::kConnectionLost);
+}
+
+Http2Session::Stream* Http2Session::Find(StreamId stream_id) const {
+  const auto found = streams_.find(stream_id);
+  return found == streams_.end() ? nullptr : found->second.get();
+}
+
+void Http2Session::OnHeaderBlock(StreamId stream_id, Stream& stream) {
+  if (stream.handler == nullptr) {
+    stream.handler = visitor_.OnNewStream(stream_id);
+    if (stream.handler == nullptr) return Reset(stream_id, Http2Error::kRefusedStream);
+  }
+  stream.handler->OnHeaders(incoming_);
+}
+
+// Ends the streams that get no answer: those that the peer says it did not process, and those that
+// it has not heard of, which nghttp2 would keep until an older stream makes room for them.
+void Http2Session::OnGoaway(StreamId last_processed) {
+  visitor_.OnGoaway();
+  if (role_ == Role::kServer) return;
+  std::vector<StreamId> unprocessed;
+  for (const auto& [stream_id, stream] : streams_) {
+    const bool sent = nghttp2_session_find_stream(session_.get(), stream_id) != nullptr;
+    if (!sent || stream_id > last_processed) unprocessed.push_back(stream_id);
+  }
+  std::sort(unprocessed.begin(), unprocessed.end());
+  for (const StreamId stream_id : unprocessed) Close(stream_id, Http2Error::kRefusedStream);
+}
+
+// Not an error while the stream's headers are still queued, or when data is on its way already.
+void Http2Session::ResumeData(StreamId stream_id) {
+  const int result = nghttp2_session_resume_data(session_.get(), stream_id);
+  VARNIC_CHECK(result == 0 || result == NGHTTP2_ERR_INVALID_ARGUMENT);
+  AnnounceOutput();
+}
+
+void Http2Session::Close(StreamId stream_id, Http2Error error) {
+  const auto found = streams_.find(stream_id);
+  if (found == streams_.end()) return;
+  const std::unique_ptr<Stream> stream = std::move(found->second);
+  streams_.erase(found);
+  if (stream->handler != nullptr) stream->handler->OnClosed(error);
+}
+
+void Http2Session::AnnounceOutput() {
+  if (!std::exchange(output_announced_, true)) visitor_.OnOutputPending();
+}
+
+}  // namespace varnic::net

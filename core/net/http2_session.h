@@ -1,0 +1,153 @@
+#ifndef CORE_NET_HTTP2_SESSION_H_
+#define CORE_NET_HTTP2_SESSION_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "absl/container/flat_hash_map.h"
+#include "absl/status/status.h"
+#include "absl/types/span.h"
+#include "core/net/header_list.h"
+
+struct nghttp2_session;
+
+namespace varnic::net {
+
+using StreamId = int32_t;
+
+// HTTP/2 error codes (RFC 9113, section 7): those that this code sends; a peer may send any.
+enum class Http2Error : uint32_t {
+  kNoError = 0x0,
+  kInternalError = 0x2,
+  kRefusedStream = 0x7,
+  kCancel = 0x8,
+  kEnhanceYourCalm = 0xb,
+  // Stands on no wire: the stream went with its connection.
+  kConnectionLost = 0xffffffff,
+};
+
+struct Http2Options {
+  uint32_t max_concurrent_streams = 1024;
+  // How much the peer may send on one stream, and on the connection, before it is read.
+  uint32_t stream_window_bytes = 1 << 20;
+  uint32_t connection_window_bytes = 4 << 20;
+  // The largest header block that the peer may send, counted as RFC 9113, section 6.5.2, does; a
+  // larger one resets its stream. However small on the wire, compression may make it huge.
+  uint32_t max_header_list_bytes = 64 << 10;
+};
+
+// One end of an HTTP/2 connection: turns bytes from the peer into calls of a Visitor and of
+// Handlers, and what is submitted into bytes. Owns the handlers of its streams, no socket and no
+// timer; a test drives it with strings.
+//
+// RPC thread only. Opening, sending and resetting are fine inside any visitor or handler call, and
+// call nobody back but for OnOutputPending; processing bytes, taking output and destroying the
+// session there are not.
+class Http2Session {
+ public:
+  enum class Role { kServer, kClient };
+
+  // What happens on one stream: OnHeaders once or more, OnData any number of times, at most one
+  // OnRemoteEnd, and exactly one OnClosed.
+  class Handler {
+   public:
+    virtual ~Handler() = default;
+    // A header block: the request's or the response's, an informational one, or trailers.
+    virtual void OnHeaders(const HeaderList& headers) = 0;
+    virtual void OnData(std::string_view chunk) = 0;  // Valid for the call.
+    // The peer will send no more on this stream.
+    virtual void OnRemoteEnd() = 0;
+    // The stream is gone; kNoError if both ends had finished with it. The last call: the session
+    // then destroys the handler.
+    virtual void OnClosed(Http2Error error) = 0;
+  };
+
+  class Visitor {
+   public:
+    virtual ~Visitor() = default;
+    // The peer has opened a stream (a server only). Null refuses it.
+    virtual std::unique_ptr<Handler> OnNewStream(StreamId stream_id) = 0;
+    // The peer takes no new streams (a client only).
+    virtual void OnGoaway() = 0;
+    // There is output to take. Comes once, until the output was taken.
+    virtual void OnOutputPending() = 0;
+  };
+
+  // `visitor` must outlive the session.
+  Http2Session(Role role, const Http2Options& options, Visitor& visitor);
+  Http2Session(const Http2Session&) = delete;
+  Http2Session& operator=(const Http2Session&) = delete;
+  // Handlers of open streams are destroyed without an OnClosed; see CloseAllStreams().
+  ~Http2Session();
+
+  // Feeds bytes from the peer. An error: they are no HTTP/2. Write what TakeOutput() gives, and
+  // close.
+  [[nodiscard]] absl::Status ProcessBytes(std::string_view bytes);
+
+  // Appends frames to `output` until it holds `limit` bytes or there are no more.
+  void TakeOutput(std::size_t limit, std::string& output);
+
+  // A server's: the peer keeps making this end answer and reads no answers.
+  bool IsFlooded() const;
+
+  // The connection has nothing left to say or to hear: it was ended by a GOAWAY of either side.
+  bool IsFinished() const;
+
+  // Why the connection ends, if not because both ends want it: one of them has broken the protocol.
+  const absl::Status& failure() const { return failure_; }
+
+  // A client's: opens a stream with the request's header block. Negative if the session has no more
+  // stream ids, or takes no new streams; the handler is then destroyed at once.
+  [[nodiscard]] StreamId OpenStream(absl::Span<const HeaderField> headers,
+                                    std::unique_ptr<Handler> handler);
+
+  // A server's: sends the response's header block, and no more if `end_stream`.
+  void SendHeaders(StreamId stream_id, absl::Span<const HeaderField> headers, bool end_stream);
+
+  // The rest belongs to both. What is sent on a stream that is already gone, as it may be after a
+  // reset by the peer, is dropped.
+  void SendData(StreamId stream_id, std::string bytes, bool end_stream);
+  // Ends the stream behind what was sent, with a trailing header block.
+  void SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers);
+  void Reset(StreamId stream_id, Http2Error error);
+  // Tells the peer that the connection ends: new streams are not processed, open ones go on. The
+  // session is finished once the last of them is closed.
+  void SendGoaway();
+
+  // The connection is lost: calls OnClosed of every stream, and neither hears nor says anything
+  // from now on.
+  void CloseAllStreams();
+
+ private:
+  struct Stream;
+  struct Callbacks;
+  struct SessionDeleter {
+    void operator()(nghttp2_session* session) const;
+  };
+
+  void Greet();
+  Stream* Find(StreamId stream_id) const;
+  void OnHeaderBlock(StreamId stream_id, Stream& stream);
+  void OnGoaway(StreamId last_processed);
+  void ResumeData(StreamId stream_id);
+  void Close(StreamId stream_id, Http2Error error);
+  void AnnounceOutput();
+
+  const Role role_;
+  const Http2Options options_;
+  Visitor& visitor_;
+  bool output_announced_ = false;
+  bool closed_ = false;
+  absl::Status failure_;
+  std::size_t incoming_bytes_ = 0;
+  HeaderList incoming_;  // Header blocks never interleave (RFC 9113, section 4.3), so one will do.
+  absl::flat_hash_map<StreamId, std::unique_ptr<Stream>> streams_;
+  std::unique_ptr<nghttp2_session, SessionDeleter> session_;  // Last: calls into the rest.
+};
+
+}  // namespace varnic::net
+
+#endif  // CORE_NET_HTTP2_SESSION_H_
