@@ -1,0 +1,64 @@
+#ifndef CORE_SERVER_SERVER_CONTROLLER_H_
+#define CORE_SERVER_SERVER_CONTROLLER_H_
+
+#include <google/protobuf/service.h>
+
+#include <string>
+#include <utility>
+
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+
+namespace varnic {
+
+// The controller that RpcServer hands to each unary call: how an override fails its call with any
+// gRPC status, and how it learns that nobody waits for the answer any more. Every RpcController
+// that a service gets from an RpcServer is one, so an override may ask for it with From().
+//
+// Owned by the call; valid until the call's completion closure has run. RPC thread only.
+class ServerController final : public google::protobuf::RpcController {
+ public:
+  explicit ServerController(absl::Time deadline = absl::InfiniteFuture()) : deadline_(deadline) {}
+  // A closure that waits for a cancellation runs now, at the latest.
+  ~ServerController() override;
+
+  // The controller of a call that an RpcServer made.
+  static ServerController& From(google::protobuf::RpcController* controller) {
+    return *static_cast<ServerController*>(controller);
+  }
+
+  // Fails the call with `status`; its closure must still be run. An OK status takes back an earlier
+  // failure.
+  void SetStatus(absl::Status status) { status_ = std::move(status); }
+  const absl::Status& status() const { return status_; }
+
+  // When the client stops waiting (its grpc-timeout).
+  absl::Time deadline() const { return deadline_; }
+
+  // For the server: nobody waits for the answer any more. Runs the closure of NotifyOnCancel().
+  void Cancel();
+
+  // google::protobuf::RpcController. SetFailed() alone is status UNKNOWN with that text.
+  void SetFailed(const std::string& reason) override { status_ = absl::UnknownError(reason); }
+  bool Failed() const override { return !status_.ok(); }
+  std::string ErrorText() const override { return std::string(status_.message()); }
+  void Reset() override { status_ = absl::OkStatus(); }
+  // The client reset the call, its connection was lost, or its deadline has passed.
+  bool IsCanceled() const override { return canceled_; }
+  // At most once per call; fatal while an earlier closure waits. Runs `closure` exactly once: when
+  // the call is cancelled (at once if it is already), or else after the call has completed.
+  void NotifyOnCancel(google::protobuf::Closure* closure) override;
+  // The client's side of the interface: cancelling is the client's right, so this does nothing
+  // here.
+  void StartCancel() override {}
+
+ private:
+  const absl::Time deadline_;
+  absl::Status status_;
+  bool canceled_ = false;
+  google::protobuf::Closure* on_cancel_ = nullptr;
+};
+
+}  // namespace varnic
+
+#endif  // CORE_SERVER_SERVER_CONTROLLER_H_

@@ -1,0 +1,83 @@
+#include "core/server/unary_call.h"
+
+#include <string>
+#include <utility>
+
+#include "absl/status/status.h"
+#include "absl/strings/str_cat.h"
+#include "core/common/rpc/fatal.h"
+#include "core/net/frame_message.h"
+
+namespace varnic {
+
+void UnaryCall::Start(const ServiceTable::Method& method, net::GrpcServerCall& call) {
+  new UnaryCall(method, call);
+}
+
+UnaryCall::UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call)
+    : method_(method), call_(&call), controller_(call.deadline()) {
+  call.Accept(*this);
+}
+
+UnaryCall::~UnaryCall() = default;
+
+void UnaryCall::OnMessage(std::string_view message) {
+  if (request_ != nullptr) {
+    return Refuse(absl::UnimplementedError(absl::StrCat(
+        "More than one request message for the unary method ", method_.descriptor->full_name())));
+  }
+  request_.reset(method_.service->GetRequestPrototype(method_.descriptor).New());
+  if (!request_->ParseFromArray(message.data(), static_cast<int>(message.size()))) {
+    Refuse(absl::InternalError(absl::StrCat("The request is not a serialised ",
+                                            method_.descriptor->input_type()->full_name())));
+  }
+}
+
+void UnaryCall::OnHalfClose() {
+  if (request_ == nullptr) {
+    return Refuse(absl::UnimplementedError(
+        absl::StrCat("No request message for the unary method ", method_.descriptor->full_name())));
+  }
+  response_.reset(method_.service->GetResponsePrototype(method_.descriptor).New());
+  called_ = true;
+  // Deletes this, if the service answers at once.
+  method_.service->CallMethod(method_.descriptor, &controller_, request_.get(), response_.get(),
+                              this);
+}
+
+void UnaryCall::OnCancelled() {
+  call_ = nullptr;
+  if (called_) {
+    controller_.Cancel();  // The closure is still to come; it may come now.
+  } else {
+    delete this;
+  }
+}
+
+void UnaryCall::Run() {
+  if (call_ != nullptr) {
+    const absl::Status status = FinalStatus();
+    if (status.ok()) call_->Send(net::FrameMessage(*response_));
+    call_->Finish(status);
+  }
+  delete this;
+}
+
+void UnaryCall::Refuse(const absl::Status& status) {
+  call_->Finish(status);
+  delete this;
+}
+
+// The skeleton fails a method that the host does not serve with a text and no code: it knows only
+// protobuf's controller. The code that gRPC has for it is given here.
+absl::Status UnaryCall::FinalStatus() const {
+  const absl::Status& status = controller_.status();
+  if (status.code() == absl::StatusCode::kUnknown &&
+      status.message() ==
+          absl::StrCat("Method ", method_.descriptor->name(), "() not implemented.")) {
+    return absl::UnimplementedError(status.message());
+  }
+  return status;
+}
+
+}  // namespace varnic
