@@ -1,0 +1,245 @@
+#include "core/host/profile_host.h"
+
+#include <google/protobuf/stubs/callback.h>
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "absl/status/status.h"
+#include "core/host/testing/post_queue.h"
+#include "core/host/testing/temporary_folder.h"
+#include "core/server/server_controller.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+namespace varnic::host {
+namespace {
+
+using ::testing::HasSubstr;
+using testing::PostQueue;
+using testing::TemporaryFolder;
+
+// A method of the host with its request and response types.
+template <typename Request, typename Response>
+using Method = void (ProfileHost::*)(google::protobuf::RpcController*, const Request*, Response*,
+                                     google::protobuf::Closure*);
+
+// One call, as a server makes it and keeps it until the closure has run.
+template <typename Request, typename Response>
+struct Call {
+  void Start(ProfileHost& host, Method<Request, Response> method) {
+    (host.*method)(&controller, &request, &response,
+                   google::protobuf::NewCallback(this, &Call::OnDone));
+  }
+  void OnDone() { ++completions; }
+
+  ServerController controller;
+  Request request;
+  Response response;
+  int completions = 0;
+};
+
+using TextCall = Call<ProfileId, google::protobuf::StringValue>;
+using FlagCall = Call<ProfileId, google::protobuf::BoolValue>;
+
+class ProfileHostTest : public ::testing::Test {
+ protected:
+  ProfileHostTest() {
+    folder_.Write("Local State",
+                  R"({"profile":{"info_cache":{"Default":{"name":"Ada"},"Other":{}}}})");
+    folder_.Write("Default/Preferences", "{}");
+    folder_.Write("Other/Preferences", "{}");
+  }
+
+  void MakeHost(ProfileHostOptions options = {}) {
+    absl::StatusOr<UserDataDir> directory = UserDataDir::Open(folder_.path());
+    ASSERT_TRUE(directory.ok()) << directory.status();
+    host_ =
+        std::make_unique<ProfileHost>(*std::move(directory), std::move(options), queue_.AsPost());
+  }
+
+  template <typename Request, typename Response>
+  void Finish(Call<Request, Response>& call, Method<Request, Response> method) {
+    if (host_ == nullptr) MakeHost();
+    call.Start(*host_, method);
+    EXPECT_EQ(call.completions, 0);
+    queue_.RunNext();
+    EXPECT_EQ(call.completions, 1);
+  }
+
+  // The value that `method` answers for the profile `id`, or the failure.
+  std::string TextOf(const std::string& id,
+                     Method<ProfileId, google::protobuf::StringValue> method) {
+    TextCall call;
+    call.request.set_value(id);
+    Finish(call, method);
+    return call.controller.Failed() ? call.controller.status().ToString() : call.response.value();
+  }
+
+  bool FlagOf(const std::string& id, Method<ProfileId, google::protobuf::BoolValue> method) {
+    FlagCall call;
+    call.request.set_value(id);
+    // Must be overwritten when the answer is no.
+    call.response.set_value(true);
+    Finish(call, method);
+    EXPECT_FALSE(call.controller.Failed()) << call.controller.status();
+    return call.response.value();
+  }
+
+  absl::Status SetLanguages(const std::string& id, const std::string& list) {
+    Call<rpc::SetAcceptLanguageRequest, google::protobuf::Empty> call;
+    call.request.mutable_profile_id()->set_value(id);
+    call.request.set_accept_language(list);
+    Finish(call, &ProfileHost::SetAcceptLanguage);
+    return call.controller.status();
+  }
+
+  // A program that answers to --version and counts its runs in the file "runs".
+  std::string MakeBrowser() {
+    const std::string path = folder_.Write(
+        "browser",
+        "#!/bin/sh\necho run >> \"${0%/*}/runs\"\necho Chromium 156.0.8078.79 built on Debian\n");
+    EXPECT_EQ(::chmod(path.c_str(), 0755), 0);
+    return path;
+  }
+
+  TemporaryFolder folder_;
+  PostQueue queue_;
+  std::unique_ptr<ProfileHost> host_;
+};
+
+TEST_F(ProfileHostTest, AnswersWithWhatTheFilesSay) {
+  EXPECT_EQ(TextOf("", &ProfileHost::Path), folder_.Path("Default"));
+  EXPECT_EQ(TextOf("Other", &ProfileHost::Path), folder_.Path("Other"));
+  EXPECT_EQ(TextOf("", &ProfileHost::Name), "Ada");
+  EXPECT_EQ(TextOf("", &ProfileHost::GetAcceptLanguage), "en-US,en");
+  EXPECT_TRUE(FlagOf("Default", &ProfileHost::IsDefault));
+  EXPECT_FALSE(FlagOf("Other", &ProfileHost::IsDefault));
+  EXPECT_FALSE(FlagOf("Other", &ProfileHost::IsIncognito));
+}
+
+TEST_F(ProfileHostTest, SetsLanguagesOfOneProfile) {
+  EXPECT_TRUE(SetLanguages("Other", "fr-FR, fr").ok());
+
+  EXPECT_EQ(TextOf("Other", &ProfileHost::GetAcceptLanguage), "fr-FR,fr");
+  EXPECT_EQ(TextOf("Default", &ProfileHost::GetAcceptLanguage), "en-US,en");
+}
+
+TEST_F(ProfileHostTest, RefusesBadLanguages) {
+  const absl::Status status = SetLanguages("", "de;q=0.9");
+
+  EXPECT_TRUE(absl::IsInvalidArgument(status)) << status;
+  EXPECT_THAT(std::string(status.message()), HasSubstr("quality values are not allowed"));
+}
+
+TEST_F(ProfileHostTest, UnknownProfileFailsEveryMethod) {
+  const std::string expected = "NOT_FOUND: there is no profile \"Nobody\"";
+  Call<rpc::BrowserOptions, BrowserId> create;
+  create.request.mutable_profile_id()->set_value("Nobody");
+  Call<ProfileId, rpc::UserAgentMetadata> metadata;
+  metadata.request.set_value("Nobody");
+
+  EXPECT_EQ(TextOf("Nobody", &ProfileHost::Path), expected);
+  EXPECT_EQ(TextOf("Nobody", &ProfileHost::Name), expected);
+  EXPECT_EQ(TextOf("Nobody", &ProfileHost::GetAcceptLanguage), expected);
+  EXPECT_EQ(TextOf("Nobody", &ProfileHost::GetUserAgent), expected);
+  EXPECT_EQ(SetLanguages("Nobody", "fr").ToString(), expected);
+  for (const auto method : {&ProfileHost::IsDefault, &ProfileHost::IsIncognito}) {
+    FlagCall call;
+    call.request.set_value("Nobody");
+    Finish(call, method);
+    EXPECT_EQ(call.controller.status().ToString(), expected);
+  }
+  Finish(create, &ProfileHost::CreateBrowser);
+  EXPECT_EQ(create.controller.status().ToString(), expected);
+  Finish(metadata, &ProfileHost::GetUserAgentMetadata);
+  EXPECT_EQ(metadata.controller.status().ToString(), expected);
+}
+
+TEST_F(ProfileHostTest, CreateBrowserSaysThatNoneIsConfigured) {
+  Call<rpc::BrowserOptions, BrowserId> call;
+
+  Finish(call, &ProfileHost::CreateBrowser);
+
+  EXPECT_TRUE(absl::IsFailedPrecondition(call.controller.status())) << call.controller.status();
+  EXPECT_THAT(call.controller.ErrorText(), HasSubstr("no browser is configured"));
+}
+
+TEST_F(ProfileHostTest, AsksTheBrowserForItsVersionOnce) {
+  ProfileHostOptions options;
+  options.browser = MakeBrowser();
+  MakeHost(std::move(options));
+  Call<ProfileId, rpc::UserAgentMetadata> call;
+
+  const std::string text = TextOf("", &ProfileHost::GetUserAgent);
+  Finish(call, &ProfileHost::GetUserAgentMetadata);
+
+  EXPECT_THAT(text, HasSubstr(" Chrome/156.0.0.0 "));
+  EXPECT_EQ(call.response.full_version(), "156.0.8078.79");
+  EXPECT_EQ(folder_.Read("runs"), "run\n");
+}
+
+TEST_F(ProfileHostTest, SaysHowToNameAMissingBrowserAndAsksAgain) {
+  ProfileHostOptions options;
+  options.browser = folder_.Path("browser");
+  MakeHost(std::move(options));
+
+  const std::string before = TextOf("", &ProfileHost::GetUserAgent);
+  MakeBrowser();
+  const std::string after = TextOf("", &ProfileHost::GetUserAgent);
+
+  EXPECT_THAT(before, HasSubstr("FAILED_PRECONDITION"));
+  EXPECT_THAT(before, HasSubstr(folder_.Path("browser")));
+  EXPECT_THAT(before, HasSubstr("--user-agent"));
+  EXPECT_THAT(after, HasSubstr("Chrome/156"));
+}
+
+TEST_F(ProfileHostTest, GivenUserAgentNeedsNoBrowser) {
+  ProfileHostOptions options;
+  options.user_agent = UserAgentFromText("Robot Chrome/99.1.2.3").value();
+  options.browser = "/nonexistent/browser";
+  MakeHost(std::move(options));
+  Call<ProfileId, rpc::UserAgentMetadata> call;
+
+  Finish(call, &ProfileHost::GetUserAgentMetadata);
+
+  EXPECT_EQ(TextOf("Other", &ProfileHost::GetUserAgent), "Robot Chrome/99.1.2.3");
+  EXPECT_EQ(call.response.full_version(), "99.1.2.3");
+}
+
+TEST_F(ProfileHostTest, DestructionCompletesEveryCallOnce) {
+  constexpr size_t kCalls = 50;
+  MakeHost();
+  TextCall calls[kCalls];
+  for (TextCall& call : calls) call.Start(*host_, &ProfileHost::Name);
+
+  host_.reset();
+
+  ASSERT_EQ(queue_.size(), kCalls);
+  for (TextCall& call : calls) {
+    queue_.RunNext();
+    EXPECT_EQ(call.completions, 1);
+    const bool was_answered = !call.controller.Failed() && call.response.value() == "Ada";
+    EXPECT_TRUE(was_answered || absl::IsUnavailable(call.controller.status()));
+  }
+}
+
+TEST_F(ProfileHostTest, ServesCallsByTheirDescriptor) {
+  MakeHost();
+  TextCall call;
+  const auto* method = rpc::ProfileRpc::descriptor()->FindMethodByName("Name");
+
+  host_->CallMethod(method, &call.controller, &call.request, &call.response,
+                    google::protobuf::NewCallback(&call, &TextCall::OnDone));
+  queue_.RunNext();
+
+  EXPECT_EQ(call.completions, 1);
+  EXPECT_EQ(call.response.value(), "Ada");
+}
+
+}  // namespace
+}  // namespace varnic::host
