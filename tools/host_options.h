@@ -1,0 +1,35 @@
+#ifndef TOOLS_HOST_OPTIONS_H_
+#define TOOLS_HOST_OPTIONS_H_
+
+#include <string>
+#include <vector>
+
+#include "absl/status/statusor.h"
+#include "core/host/profile_host.h"
+#include "tools/default_paths.h"
+
+namespace varnic::tools {
+
+// What varnic-host is told to do.
+struct HostOptions {
+  bool help = false;
+  bool version = false;
+  // The default address if none is given.
+  std::vector<std::string> listen;
+  bool default_listen = false;
+  std::string user_data_dir;
+  // A directory that nobody named is made if it is missing.
+  bool default_user_data_dir = false;
+  host::ProfileHostOptions profiles;
+};
+
+// INVALID_ARGUMENT names the option that is wrong. `arguments` are without the program's name.
+absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arguments,
+                                             const Environment& environment);
+
+// What --help prints.
+std::string HostHelp(const Environment& environment);
+
+}  // namespace varnic::tools
+
+#endif  // TOOLS_HOST_OPTIONS_H_

@@ -1,0 +1,75 @@
+// varnicctl: one call to a host, and its answer.
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "absl/strings/str_cat.h"
+#include "core/client/client.h"
+#include "core/net/event_loop.h"
+#include "tools/ctl_command.h"
+#include "tools/default_paths.h"
+#include "tools/version.h"
+
+namespace varnic::tools {
+namespace {
+
+void Print(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+}
+void PrintError(const std::string& text) {
+  std::fputs(text.c_str(), stderr);
+}
+
+absl::Status Call(const CtlCommand& command, google::protobuf::Message& answer) {
+  if (command.default_target) {
+    // In the temporary directory, anybody might have put a socket there.
+    const absl::Status status = CheckPrivateFolder(DefaultRuntimeFolder(std::getenv));
+    if (!status.ok()) return status;
+  }
+  net::EventLoop loop;
+  Client client(loop, command.target);
+  return client.CallAndWait(*command.method, *command.request, answer, command.timeout);
+}
+
+int Execute(const CtlCommand& command) {
+  const std::unique_ptr<google::protobuf::Message> answer(
+      google::protobuf::MessageFactory::generated_factory()
+          ->GetPrototype(command.method->output_type())
+          ->New());
+  const absl::Status status = Call(command, *answer);
+  if (!status.ok()) {
+    PrintError(command.json ? FormatFailureAsJson(status)
+                            : FormatFailureForPeople(command, status));
+    return kCtlCallFailed + static_cast<int>(status.code());
+  }
+  Print(command.json ? FormatAnswerAsJson(*answer) : FormatAnswerForPeople(*answer));
+  return kCtlOk;
+}
+
+int Main(const std::vector<std::string>& arguments) {
+  const absl::StatusOr<CtlCommand> command = ParseCtlCommand(arguments, std::getenv);
+  if (!command.ok()) {
+    PrintError(
+        absl::StrCat("varnicctl: ", command.status().message(), "\nTry 'varnicctl --help'.\n"));
+    return kCtlUsage;
+  }
+  if (command->help) {
+    Print(CtlHelp(std::getenv));
+    return kCtlOk;
+  }
+  if (command->version) {
+    Print(absl::StrCat("varnicctl ", kVersion, "\n"));
+    return kCtlOk;
+  }
+  return Execute(*command);
+}
+
+}  // namespace
+}  // namespace varnic::tools
+
+int main(int argc, char** argv) {
+  return varnic::tools::Main(std::vector<std::string>(argv + 1, argv + argc));
+}
