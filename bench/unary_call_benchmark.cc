@@ -1,0 +1,96 @@
+// Unary calls from varnic::Client to a server in another thread, over real sockets.
+
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/client/client.h"
+#include "core/server/rpc_server.h"
+#include "rpc/profile/profile.rpc.h"
+
+namespace varnic {
+namespace {
+
+class Host : public rpc::ProfileRpc {
+ public:
+  void Name(google::protobuf::RpcController* /*controller*/, const ProfileId* request,
+            google::protobuf::StringValue* response, google::protobuf::Closure* done) override {
+    response->set_value(request->value());
+    done->Run();
+  }
+};
+
+class RunningServer {
+ public:
+  explicit RunningServer(const std::string& listen) {
+    server_.AddService(host_);
+    address_ = server_.Listen(listen).value();
+    thread_ = std::thread([this] { server_.Run(); });
+  }
+  ~RunningServer() {
+    server_.Post([this] { server_.Stop(); });
+    thread_.join();
+  }
+
+  const std::string& address() const { return address_; }
+
+ private:
+  Host host_;
+  RpcServer server_;
+  std::string address_;
+  std::thread thread_;
+};
+
+std::string UnixAddress() {
+  return "unix:/tmp/varnic_bench_" + std::to_string(getpid());
+}
+
+// Keeps `outstanding` calls open; one step of the benchmark is one answer.
+void Calls(benchmark::State& state, const std::string& listen, int outstanding) {
+  const RunningServer server(listen);
+  net::EventLoop loop;
+  Client client(loop, server.address());
+  const auto& method = *rpc::ProfileRpc::descriptor()->FindMethodByName("Name");
+  ProfileId request;
+  request.set_value(std::string(64, 'p'));
+  std::vector<google::protobuf::StringValue> responses(static_cast<std::size_t>(outstanding));
+
+  int64_t answered = 0;
+  bool failed = false;
+  std::function<void(google::protobuf::StringValue&)> call =
+      [&](google::protobuf::StringValue& response) {
+        client.Call(method, request, response, absl::InfiniteDuration(),
+                    [&](const absl::Status& status) {
+                      ++answered;
+                      failed = failed || !status.ok();
+                      if (!failed) call(response);
+                    });
+      };
+  for (auto& response : responses) call(response);
+  for (auto _ : state) {
+    const int64_t before = answered;
+    loop.RunUntil([&] { return answered != before || failed; });
+  }
+  // A turn of the loop may bring more than one answer.
+  state.SetItemsProcessed(answered);
+  if (failed) state.SkipWithError("a call failed");
+  failed = true;  // The calls that end with the client start no others.
+}
+
+void BM_UnaryCallOverUnixSocket(benchmark::State& state) {
+  Calls(state, UnixAddress(), static_cast<int>(state.range(0)));
+}
+BENCHMARK(BM_UnaryCallOverUnixSocket)->ArgName("outstanding")->Arg(1)->Arg(100)->UseRealTime();
+
+void BM_UnaryCallOverTcp(benchmark::State& state) {
+  Calls(state, "127.0.0.1:0", static_cast<int>(state.range(0)));
+}
+BENCHMARK(BM_UnaryCallOverTcp)->ArgName("outstanding")->Arg(1)->Arg(100)->UseRealTime();
+
+}  // namespace
+}  // namespace varnic

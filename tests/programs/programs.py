@@ -1,0 +1,137 @@
+"""Starts the programs under test, and the browser whose directories they serve."""
+
+import http.server
+import json
+import os
+import pathlib
+import subprocess
+import tempfile
+import threading
+
+# Given by the build: where the programs are.
+BUILD_DIR = pathlib.Path(os.environ["VARNIC_BUILD_DIR"])
+HOST = BUILD_DIR / "tools" / "varnic-host"
+CTL = BUILD_DIR / "tools" / "varnicctl"
+CHROMIUM = "/usr/bin/chromium"
+
+# More than any step takes on a slow machine; a test that runs into it has failed.
+PATIENCE_SECONDS = 60
+
+
+class Host:
+    """A running varnic-host. Use it as a context manager."""
+
+    def __init__(self, *arguments, env=None, user=None):
+        self._log = tempfile.TemporaryFile(mode="w+")
+        self.process = subprocess.Popen(
+            [HOST, *arguments],
+            stdout=subprocess.PIPE,
+            stderr=self._log,
+            text=True,
+            env=env,
+            user=user,
+        )
+        # The host says these lines once it listens; at its end it says nothing more.
+        self.announcement = []
+        for line in self.process.stdout:
+            self.announcement.append(line.rstrip("\n"))
+            if line.startswith("Try: "):
+                break
+
+    @property
+    def addresses(self):
+        prefix = "Listening on "
+        return [line[len(prefix):] for line in self.announcement if line.startswith(prefix)]
+
+    def stderr(self):
+        self._log.seek(0)
+        return self._log.read()
+
+    def stop(self):
+        """Ends the host as an operator would, and returns its exit status."""
+        self.process.terminate()
+        status = self.process.wait(PATIENCE_SECONDS)
+        self.process.stdout.close()
+        self._log.seek(0)
+        return status
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process.poll() is None:
+            self.stop()
+        self.process.stdout.close()
+        self._log.close()
+
+
+def ctl(*arguments, env=None):
+    """Runs varnicctl to its end."""
+    return subprocess.run(
+        [CTL, *arguments], capture_output=True, text=True, env=env, timeout=PATIENCE_SECONDS
+    )
+
+
+def dump_page(user_data_dir, html):
+    """The text that a script in `html` leaves in the body, in a Chromium of that directory."""
+
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_GET(self):
+            self.send_response(200)
+            self.send_header("Content-Type", "text/html; charset=utf-8")
+            self.end_headers()
+            self.wfile.write(html.encode())
+
+        def log_message(self, *_):
+            pass
+
+    # Client hints are for secure pages only, and loopback counts as secure.
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+        thread = threading.Thread(target=server.serve_forever)
+        thread.start()
+        try:
+            page = run_chromium(
+                user_data_dir,
+                "--virtual-time-budget=10000",
+                "--dump-dom",
+                f"http://127.0.0.1:{server.server_address[1]}/",
+            )
+        finally:
+            server.shutdown()
+            thread.join()
+    body = page[page.index("<body>") + len("<body>"):page.index("</body>")]
+    return body.replace("&amp;", "&").replace("&lt;", "<").replace("&gt;", ">").strip()
+
+
+def run_chromium(user_data_dir, *arguments):
+    """Runs a headless Chromium on a directory until it ends by itself."""
+    result = subprocess.run(
+        [
+            CHROMIUM,
+            "--headless",
+            "--no-sandbox",  # Root has none, and CI is root.
+            "--disable-gpu",
+            "--disable-quic",
+            "--no-first-run",
+            "--disable-background-networking",
+            "--disable-component-update",
+            "--disable-sync",
+            f"--user-data-dir={user_data_dir}",
+            *arguments,
+        ],
+        capture_output=True,
+        text=True,
+        timeout=PATIENCE_SECONDS,
+    )
+    if result.returncode != 0:
+        raise RuntimeError(f"chromium ended with {result.returncode}: {result.stderr}")
+    return result.stdout
+
+
+def make_user_data_dir(path):
+    """Lets Chromium make a user-data directory with its default profile."""
+    run_chromium(path, "--dump-dom", "about:blank")
+
+
+def preferences(user_data_dir, profile="Default"):
+    return json.loads((pathlib.Path(user_data_dir) / profile / "Preferences").read_text())

@@ -1,0 +1,158 @@
+"""varnic-host as an operator runs it: its defaults, what it refuses, and how it ends."""
+
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import tempfile
+import unittest
+
+import programs
+
+
+class VarnicHostTest(unittest.TestCase):
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.folder)
+        (self.folder / "run").mkdir(mode=0o700)
+        self.environment = dict(
+            os.environ,
+            HOME=str(self.folder),
+            XDG_RUNTIME_DIR=str(self.folder / "run"),
+            XDG_DATA_HOME=str(self.folder / "data"),
+        )
+
+    def start_host(self, *arguments):
+        host = programs.Host(*arguments, env=self.environment)
+        self.addCleanup(host.__exit__)
+        return host
+
+    def assert_refuses(self, status, *texts_and_arguments):
+        *texts, arguments = texts_and_arguments
+        result = subprocess.run(
+            [programs.HOST, *arguments],
+            capture_output=True,
+            text=True,
+            env=self.environment,
+            timeout=programs.PATIENCE_SECONDS,
+        )
+        self.assertEqual(result.returncode, status, result.stderr)
+        for text in texts:
+            self.assertIn(text, result.stderr)
+
+    def test_without_options_it_serves_a_directory_of_its_own(self):
+        host = self.start_host()
+        self.assertEqual(host.addresses, [f"unix://{self.folder}/run/varnic/host.sock"])
+        socket_mode = (self.folder / "run" / "varnic" / "host.sock").stat().st_mode
+        self.assertEqual(stat.S_IMODE(socket_mode), 0o600)
+        folder_mode = (self.folder / "run" / "varnic").stat().st_mode
+        self.assertEqual(stat.S_IMODE(folder_mode), 0o700)
+
+        result = programs.ctl("path", env=self.environment)
+
+        self.assertEqual(result.stdout, f"{self.folder}/data/varnic/user-data/Default\n")
+        result = programs.ctl("name", env=self.environment)
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+
+    def test_command_that_it_prints_answers(self):
+        for arguments in ([], ["--listen", "127.0.0.1:0"]):
+            host = self.start_host(*arguments)
+            command = host.announcement[-1].removeprefix("Try: ")
+
+            result = subprocess.run(
+                command, shell=True, capture_output=True, text=True, env=self.environment,
+                timeout=programs.PATIENCE_SECONDS,
+            )
+
+            self.assertEqual((result.returncode, result.stderr), (0, ""))
+            self.assertIn("Default", result.stdout)
+            self.assertEqual(host.stop(), 0)
+
+    def test_sigterm_and_sigint_end_it_cleanly(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            host = self.start_host()
+            host.process.send_signal(number)
+            self.assertEqual(host.process.wait(programs.PATIENCE_SECONDS), 0)
+            self.assertEqual(host.stderr(), "")
+            self.assertFalse((self.folder / "run" / "varnic" / "host.sock").exists())
+
+    def test_host_that_was_killed_is_followed_by_another(self):
+        first = self.start_host()
+        first.process.kill()
+        first.process.wait()
+
+        second = self.start_host()
+
+        self.assertEqual(second.addresses, first.addresses)
+        self.assertEqual(programs.ctl("path", env=self.environment).returncode, 0)
+
+    def test_second_host_on_a_directory_is_refused(self):
+        self.start_host()
+        self.assert_refuses(
+            1, str(self.folder / "data" / "varnic" / "user-data"), ["--listen", "127.0.0.1:0"]
+        )
+
+    def test_socket_of_a_living_process_is_left_alone(self):
+        path = self.folder / "taken.sock"
+        with socket.socket(socket.AF_UNIX) as other:
+            other.bind(str(path))
+            other.listen()
+            self.assert_refuses(1, "--listen", str(path), ["--listen", f"unix:{path}"])
+            with socket.socket(socket.AF_UNIX) as client:
+                client.connect(str(path))
+
+    def test_runtime_folder_that_others_can_enter_is_refused(self):
+        (self.folder / "run" / "varnic").mkdir()
+        (self.folder / "run" / "varnic").chmod(0o755)
+        self.assert_refuses(1, str(self.folder / "run" / "varnic"), "0700", [])
+        result = programs.ctl("path", env=self.environment)
+        self.assertEqual(result.returncode, 19)
+        self.assertIn("0700", result.stderr)
+
+    def test_directory_that_is_not_there_is_named(self):
+        missing = str(self.folder / "missing")
+        self.assert_refuses(1, "--user-data-dir", missing, ["--user-data-dir", missing])
+
+    def test_bad_options_are_usage_errors_that_name_them(self):
+        self.assert_refuses(2, "--nonsense", "--help", ["--nonsense"])
+        self.assert_refuses(2, "--listen", ["--listen"])
+        self.assert_refuses(2, "surprise", ["surprise"])
+        self.assert_refuses(2, "--user-agent", ["--user-agent", "two\nlines"])
+
+    def test_bad_addresses_are_named(self):
+        for address in ("unix:", "127.0.0.1", "127.0.0.1:99999", "unix:/nonexistent/host.sock"):
+            self.assert_refuses(1, "--listen", address[-10:], ["--listen", address])
+
+    def test_plain_tcp_is_refused_off_loopback(self):
+        self.assert_refuses(1, "0.0.0.0:0", "loopback", ["--listen", "0.0.0.0:0"])
+
+    def test_host_survives_bytes_that_are_not_http2(self):
+        host = self.start_host("--listen", "127.0.0.1:0")
+        name, port = host.addresses[0].rsplit(":", 1)
+        for garbage in (b"GET / HTTP/1.1\r\nHost: x\r\n\r\n", bytes(range(256)) * 16,
+                        b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + b"\xff" * 64):
+            with socket.create_connection((name, int(port))) as peer:
+                peer.sendall(garbage)
+                # The host says goodbye and closes; it must not wait for more.
+                while peer.recv(4096):
+                    pass
+
+        result = programs.ctl("--target", host.addresses[0], "--json", "path")
+
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertTrue(json.loads(result.stdout).endswith("/Default"))
+
+    def test_help_names_every_option(self):
+        result = subprocess.run([programs.HOST, "--help"], capture_output=True, text=True,
+                                env=self.environment, timeout=programs.PATIENCE_SECONDS)
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        for option in ("--listen", "--user-data-dir", "--user-agent", "--browser"):
+            self.assertIn(option, result.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()

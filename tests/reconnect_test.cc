@@ -1,0 +1,95 @@
+// A client that outlives its server, and meets the next one at the same address.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "core/client/client.h"
+#include "tests/served_host.h"
+
+namespace varnic {
+namespace {
+
+class ReconnectTest : public ::testing::Test {
+ protected:
+  absl::Status Call() {
+    google::protobuf::StringValue path;
+    return client_.CallAndWait(ProfileMethod("Path"), ProfileId(), path, absl::InfiniteDuration());
+  }
+
+  // Ends when the server's end has reached the client.
+  absl::Status WaitForTheLossIn(ServedHost& served) {
+    ProfileId request;
+    request.set_value("kept");
+    google::protobuf::StringValue path;
+    absl::Status status;
+    bool ended = false;
+    client_.Call(ProfileMethod("Path"), request, path, absl::InfiniteDuration(),
+                 [&](const absl::Status& result) {
+                   status = result;
+                   ended = true;
+                 });
+    EXPECT_EQ(Call(), absl::OkStatus());
+    served.Stop();
+    loop_.RunUntil([&] { return ended; });
+    return status;
+  }
+
+  const std::string address_ = NewSocketAddress();
+  net::EventLoop loop_;
+  Client client_{loop_, address_};
+};
+
+TEST_F(ReconnectTest, CallsFailWhileThereIsNoServerAndWorkOnceThereIs) {
+  const absl::Status before = Call();
+  ServedHost served(address_);
+
+  EXPECT_EQ(before.code(), absl::StatusCode::kUnavailable);
+  EXPECT_NE(before.message().find(address_.substr(5)), absl::string_view::npos) << before;
+  EXPECT_EQ(Call(), absl::OkStatus());
+}
+
+TEST_F(ReconnectTest, OpenCallFailsWithTheServerAndTheNextOneMeetsItsSuccessor) {
+  auto first = std::make_unique<ServedHost>(address_);
+
+  EXPECT_EQ(WaitForTheLossIn(*first),
+            absl::UnavailableError("the connection was lost before the answer came"));
+  EXPECT_EQ(Call().code(), absl::StatusCode::kUnavailable);
+
+  first = nullptr;
+  const ServedHost second(address_);
+  EXPECT_EQ(Call(), absl::OkStatus());
+  EXPECT_EQ(Call(), absl::OkStatus());
+}
+
+TEST_F(ReconnectTest, CallsFromTheCallbackOfALostCallGoToTheNextConnection) {
+  auto first = std::make_unique<ServedHost>(address_);
+  ASSERT_EQ(Call(), absl::OkStatus());
+  ProfileId request;
+  request.set_value("kept");
+  google::protobuf::StringValue path;
+  absl::Status retried = absl::UnknownError("not retried");
+  bool ended = false;
+  std::unique_ptr<ServedHost> second;
+  client_.Call(ProfileMethod("Path"), request, path, absl::InfiniteDuration(),
+               [&](const absl::Status& status) {
+                 EXPECT_EQ(status.code(), absl::StatusCode::kUnavailable);
+                 first = nullptr;
+                 second = std::make_unique<ServedHost>(address_);
+                 client_.Call(ProfileMethod("Path"), ProfileId(), path, absl::InfiniteDuration(),
+                              [&](const absl::Status& result) {
+                                retried = result;
+                                ended = true;
+                              });
+               });
+  ASSERT_EQ(Call(), absl::OkStatus());
+
+  first->Stop();
+  loop_.RunUntil([&] { return ended; });
+
+  EXPECT_EQ(retried, absl::OkStatus());
+}
+
+}  // namespace
+}  // namespace varnic
