@@ -13,13 +13,11 @@
 //   static void* operator new(size_t size) { return base::AllocateProtected(size); }
 //   static void operator delete(void* memory) { base::FreeProtected(memory); }
 // and it has these limits:
-// - A slot has 64 bytes, 256, 1 KiB and so on to 1 MiB; 16 bytes of it are the count's. Each size
-// has
-//   8 MiB, and memory once used stays with the process.
-// - What does not fit comes from ::operator new and is not protected, nor is an object on the stack
-//   or in static storage.
-// - Leak checkers follow the pointers in the pool, and so do not see an object in it that is never
-//   freed.
+// - A slot has 64 bytes, 256, 1 KiB and so on to 1 MiB; 16 bytes of it are the count's.
+// - Each size has 8 MiB, and memory once used stays with the process.
+// - What does not fit comes from ::operator new and is not protected.
+// - An object on the stack or in static storage is not protected either.
+// - Leak checkers follow the pointers in the pool, and do not see an object in it that leaks.
 //
 // Any thread. Freeing memory twice, and setting a raw_ptr to freed memory, end the process as far
 // as they are noticed, which is until the memory is handed out again.

@@ -227,7 +227,7 @@ TEST_F(ProtectedPoolTest, ThreadsMayAllocateFreeAndHoldAtTheSameTime) {
     threads.emplace_back([id, copy = holder] {
       for (int i = 0; i < 1000; ++i) {
         int* own = new (AllocateProtected(sizeof(int))) int(id);
-        raw_ptr<int> to_shared = copy;
+        const raw_ptr<int> to_shared = copy;  // NOLINT(performance-unnecessary-copy-initialization)
         raw_ptr<int> to_own = own;
         EXPECT_EQ(*to_own, id);
         FreeProtected(own);

@@ -176,8 +176,10 @@ TEST_F(RawPtrTest, MovingHandsTheHoldOnAndLeavesNull) {
   raw_ptr<Both> last;
   last = std::move(target);
 
-  EXPECT_EQ(source.get(), nullptr);  // NOLINT(bugprone-use-after-move): it is null by contract.
-  EXPECT_EQ(target.get(), nullptr);  // NOLINT(bugprone-use-after-move)
+  // NOLINTBEGIN(bugprone-use-after-move, clang-analyzer-cplusplus.Move): null by contract.
+  EXPECT_EQ(source.get(), nullptr);
+  EXPECT_EQ(target.get(), nullptr);
+  // NOLINTEND(bugprone-use-after-move, clang-analyzer-cplusplus.Move)
   EXPECT_TRUE(FreeAndSeeWhetherHeld(object));
   last = nullptr;
   EXPECT_TRUE(IsFreeForReuse(address));

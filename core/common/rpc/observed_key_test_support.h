@@ -58,8 +58,8 @@ class ObservedKey final : public google::protobuf::Message {
 
  private:
   const ClassData* GetClassData() const override {
-    static const ClassData kClassData = {&Copy, /*merge_to_from=*/nullptr};
-    return &kClassData;
+    static const ClassData class_data = {&Copy, /*merge_to_from=*/nullptr};
+    return &class_data;
   }
   static void Copy(Message& to, const Message& from) {
     auto& copy = static_cast<ObservedKey&>(to);

@@ -2,7 +2,16 @@
 
 #include <utility>
 
+#include "core/common/rpc/shared_event.h"
+#include "rpc/transport/stream_message.pb.h"
+
 namespace varnic {
+
+bool StreamChannel::Transport::SendEvent(const SharedEvent& event) {
+  ::rpc::transport::StreamMessage envelope;
+  envelope.set_payload(event.payload());
+  return Send(envelope);
+}
 
 StreamChannel::StreamChannel(std::unique_ptr<Transport> transport)
     : transport_(std::move(transport)) {}
@@ -11,6 +20,10 @@ StreamChannel::~StreamChannel() = default;
 
 bool StreamChannel::Send(const ::rpc::transport::StreamMessage& envelope) {
   return transport_ != nullptr && transport_->Send(envelope);
+}
+
+bool StreamChannel::SendEvent(const SharedEvent& event) {
+  return transport_ != nullptr && transport_->SendEvent(event);
 }
 
 void StreamChannel::Complete() {

@@ -9,6 +9,8 @@ class StreamMessage;
 
 namespace varnic {
 
+class SharedEvent;
+
 // The handle of one open stream on the transport. Move-only: whoever receives one, by value, owns
 // its own object, and only the last owner's object stands for the stream. A moved-from channel is
 // empty; every operation on an empty channel is harmless and does nothing.
@@ -22,8 +24,13 @@ class StreamChannel {
    public:
     // Ends the stream with status CANCELLED if it was not completed.
     virtual ~Transport() = default;
-    // Queues `envelope` for the peer. False if it can no longer be delivered.
+    // Queues `envelope` for the peer. False if it can no longer be delivered. An envelope that was
+    // queued is never dropped while the peer is there.
     virtual bool Send(const ::rpc::transport::StreamMessage& envelope) = 0;
+    // The same for an event, of which a transport may share the bytes. While one waits, a transport
+    // may drop it in favour of a newer one with the same conflation key. The default puts a copy of
+    // the payload into an envelope and sends that.
+    virtual bool SendEvent(const SharedEvent& event);
     // Ends the stream with status OK. May destroy the transport, with everything that owns it,
     // before it returns.
     virtual void Complete() = 0;
@@ -39,6 +46,7 @@ class StreamChannel {
   explicit operator bool() const { return transport_ != nullptr; }
 
   bool Send(const ::rpc::transport::StreamMessage& envelope);
+  bool SendEvent(const SharedEvent& event);
   void Complete();
   bool IsPeerPresent() const;
 

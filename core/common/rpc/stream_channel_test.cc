@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "core/common/rpc/completion_hook_test_support.h"
+#include "core/common/rpc/shared_event.h"
 #include "core/common/rpc/testing/recording_channel.h"
 #include "rpc/transport/stream_message.pb.h"
 
@@ -110,6 +111,31 @@ TEST(StreamChannelTest, CompletionMayDestroyTheHandle) {
 
   EXPECT_EQ(completions, 1);
   EXPECT_FALSE(channel.has_value());
+}
+
+TEST(StreamChannelTest, AnEventGoesAsAnEnvelopeWithItsPayloadByDefault) {
+  RecordingChannel recording;
+  StreamChannel channel = recording.Open();
+  const SharedEvent event(Envelope("content"), Envelope("key"));
+
+  EXPECT_TRUE(channel.SendEvent(event));
+
+  ASSERT_EQ(recording.sent().size(), 1u);
+  EXPECT_EQ(recording.sent()[0].payload(), event.payload());
+  EXPECT_EQ(recording.sent()[0].call_id(), 0);
+}
+
+TEST(StreamChannelTest, NoEventIsTakenAfterCompletionNorByAMovedFromHandle) {
+  RecordingChannel recording;
+  StreamChannel first = recording.Open();
+  StreamChannel second(std::move(first));
+  const SharedEvent event(Envelope("content"), Envelope("key"));
+  second.Complete();
+
+  EXPECT_FALSE(first.SendEvent(event));  // NOLINT(bugprone-use-after-move)
+  EXPECT_FALSE(second.SendEvent(event));
+
+  EXPECT_TRUE(recording.sent().empty());
 }
 
 }  // namespace

@@ -224,10 +224,11 @@ TYPED_TEST(CallbackStreamTest, ADestroyedStreamHasLetGoOfServiceAndMethod) {
   EXPECT_EQ(*method, 0u);
 }
 
-TEST(CallbackStreamRegistriesTest, TheTwoKindsOfStreamShareNoRegistry) {
-  rpc::ProfileRpc service;
-  ServedStream<FileAccessStream> files(service);
-  ServedStream<AuthenticationStream> authentication(service);
+using CallbackStreamRegistriesTest = testing::ProfileStreamsTest;
+
+TEST_F(CallbackStreamRegistriesTest, TheTwoKindsOfStreamShareNoRegistry) {
+  ServedStream<FileAccessStream> files(service_);
+  ServedStream<AuthenticationStream> authentication(service_);
 
   files->Subscribe(Profile("work"));
   EXPECT_TRUE(AuthenticationStream::stream_map_.empty());

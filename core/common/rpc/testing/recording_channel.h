@@ -19,7 +19,7 @@ class RecordingChannel {
   // The one live channel of this recorder. Fatal while an earlier one is open.
   StreamChannel Open();
 
-  // What was written so far.
+  // What was written so far; an event as an envelope with its payload.
   const std::vector<::rpc::transport::StreamMessage>& sent() const { return sent_; }
   // How often the stream that holds the channel called Complete().
   int completions() const { return completions_; }

@@ -10,6 +10,7 @@
 
 // The linker sends this program's own look-ups of files in a DescriptorPool here (see --wrap in
 // CMakeLists.txt); those inside the protobuf library stay as they are.
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names.
 extern "C" {
 const google::protobuf::FileDescriptor*
 __real__ZNK6google8protobuf14DescriptorPool14FindFileByNameERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
@@ -27,6 +28,7 @@ __wrap__ZNK6google8protobuf14DescriptorPool14FindFileByNameERKNSt7__cxx1112basic
   return __real__ZNK6google8protobuf14DescriptorPool14FindFileByNameERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
       pool, name);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace rpc {
 namespace {
