@@ -5,6 +5,7 @@ include(CMakeFindDependencyMacro)
 find_dependency(Threads)
 find_dependency(Protobuf)
 find_dependency(absl)
+find_dependency(OpenSSL)
 find_dependency(PkgConfig)
 # Global, because a consumer may look for the package in a folder other than the one that links it.
 if(NOT TARGET PkgConfig::NGHTTP2)

@@ -105,6 +105,29 @@ set(VARNIC_SANITIZER_ENVIRONMENT
   "UBSAN_OPTIONS=print_stacktrace=1"
   "TSAN_OPTIONS=halt_on_error=1")
 
+# varnic_fuzzer(NAME CORPUS dir [SRCS …] [DEPS …]): NAME.cc unless SRCS says otherwise. A program for
+# libFuzzer with VARNIC_BUILD_FUZZERS; without, and with any compiler, one that replays the corpus
+# and a fixed choice of mutations of it, as one ctest entry.
+function(varnic_fuzzer name)
+  cmake_parse_arguments(arg "" "CORPUS" "SRCS;DEPS" ${ARGN})
+  if(NOT arg_SRCS)
+    set(arg_SRCS ${name}.cc)
+  endif()
+  add_executable(${name} ${arg_SRCS})
+  varnic_own_code(${name})
+  target_link_libraries(${name} PRIVATE ${arg_DEPS})
+  if(VARNIC_BUILD_FUZZERS)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    return()
+  endif()
+  target_sources(${name} PRIVATE "${PROJECT_SOURCE_DIR}/fuzz/replay_main.cc")
+  string(REGEX REPLACE "_fuzzer$" "" subject "${name}")
+  add_test(NAME fuzz_${subject}_replay
+    COMMAND ${name} "${CMAKE_CURRENT_SOURCE_DIR}/${arg_CORPUS}")
+  set_tests_properties(fuzz_${subject}_replay PROPERTIES
+    TIMEOUT 120 ENVIRONMENT "${VARNIC_SANITIZER_ENVIRONMENT}")
+endfunction()
+
 # varnic_benchmark(NAME [SRCS …] [DEPS …])
 function(varnic_benchmark name)
   cmake_parse_arguments(arg "" "" "SRCS;DEPS" ${ARGN})

@@ -4,6 +4,11 @@
 // How this room includes Asio, which no header of another room does. Asio is used with error codes
 // only, and what it would throw all the same (a failure to make an epoll instance, say) is fatal.
 
+// ThreadSanitizer does not know fences; what they order, Asio's mutexes order as well.
+#if defined(__SANITIZE_THREAD__)
+#define ASIO_DISABLE_FENCED_BLOCK
+#endif
+
 #include <asio/basic_socket_acceptor.hpp>
 #include <asio/generic/stream_protocol.hpp>
 #include <asio/io_context.hpp>

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "absl/status/status.h"
+#include "core/net/peer.h"
 
 namespace varnic::net {
 
@@ -34,6 +35,12 @@ class ByteStream {
   // Sends what fits now, and returns how much that was. After less than all of it, OnWritable()
   // tells when to go on. Failures are reported by OnClosed().
   [[nodiscard]] virtual std::size_t Write(std::string_view bytes) = 0;
+
+  // Sends no more: the peer sees the end behind what was written. Reading goes on.
+  virtual void ShutdownWrite() = 0;
+
+  // Who is at the other end.
+  virtual const Peer& peer() const = 0;
 };
 
 }  // namespace varnic::net

@@ -48,12 +48,18 @@ bool EventLoop::RunUntil(absl::FunctionRef<bool()> done) {
   return true;
 }
 
-void EventLoop::RunPending() {
+std::size_t EventLoop::RunPending() {
   const RunScope scope(*this);
   const bool was_stopped = context_->stopped();
   if (was_stopped) context_->restart();
-  context_->poll();
+  // Up to here and no further: a task that posts itself again must not keep this going.
+  const auto reached = std::make_shared<bool>(false);
+  asio::post(*context_, [reached] { *reached = true; });
+  // None is run after a task that stops the loop.
+  std::size_t runs = 0;
+  while (!*reached && context_->poll_one() > 0) ++runs;
   if (was_stopped) context_->stop();
+  return *reached ? runs - 1 : runs;
 }
 
 void EventLoop::Stop() {
@@ -69,14 +75,16 @@ bool EventLoop::IsLoopThread() const {
   return thread == std::thread::id() || thread == std::this_thread::get_id();
 }
 
+constexpr absl::Duration kLongestDelay = absl::Hours(24 * 365);
+
 class Timer::Impl {
  public:
   explicit Impl(EventLoop& loop) : timer_(loop.context()) {}
 
   void Start(absl::Duration delay, std::function<void()> callback) {
-    // Asio takes a time that lies too far in the past for one in the future.
-    timer_.expires_after(absl::ToChronoNanoseconds(std::max(delay, absl::ZeroDuration())));
     const unsigned start = ++starts_;
+    // The clock cannot count to the end of an infinite delay.
+    timer_.expires_after(absl::ToChronoNanoseconds(std::min(delay, kLongestDelay)));
     timer_.async_wait(lifetime_.Guard(
         [this, start, callback = std::move(callback)](const asio::error_code& error) {
           // A wait that was over before the cancellation reached it reports no error.

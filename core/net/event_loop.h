@@ -2,6 +2,7 @@
 #define CORE_NET_EVENT_LOOP_H_
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -37,8 +38,8 @@ class EventLoop {
   void Stop();
 
   // Runs what is ready to run, without waiting; after Stop() too, so that an owner can settle what
-  // was posted before it goes.
-  void RunPending();
+  // was posted before it goes. What this posts in turn waits. Returns how many tasks ran.
+  std::size_t RunPending();
 
   // Runs `task` on the loop's thread, later; those of one thread in the order of its calls.
   void Post(std::function<void()> task);
@@ -66,7 +67,8 @@ class Timer {
   Timer& operator=(const Timer&) = delete;
   ~Timer();
 
-  // Runs `callback` once, `delay` from now. An earlier Start() no longer counts.
+  // Runs `callback` once, `delay` from now, but in a year at the latest. An earlier Start() no
+  // longer counts.
   void Start(absl::Duration delay, std::function<void()> callback);
   void Cancel();
 

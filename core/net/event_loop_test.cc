@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include <csignal>
 #include <memory>
 #include <string>
@@ -193,7 +195,8 @@ TEST_F(TimerTest, RunsItsCallbackOnceAndNotBeforeItsTime) {
 }
 
 TEST_F(TimerTest, ADelayOfZeroOrLessIsDueAtOnceButNotInsideStart) {
-  for (const absl::Duration delay : {absl::ZeroDuration(), -absl::Hours(1)}) {
+  for (const absl::Duration delay :
+       {absl::ZeroDuration(), -absl::Hours(1), -absl::InfiniteDuration()}) {
     Timer timer(loop_);
     bool ran = false;
 
@@ -320,6 +323,33 @@ TEST(StopSignalsDeathTest, TheDefaultActionReturnsWithTheEndOfTheWatch) {
         std::raise(SIGTERM);
       },
       ::testing::KilledBySignal(SIGTERM), "");
+}
+
+TEST(EventLoopTest, RunPendingLeavesATaskThatPostsItselfForLater) {
+  EventLoop loop;
+  int runs = 0;
+  std::function<void()> again = [&] {
+    ++runs;
+    loop.Post(again);
+  };
+  loop.Post(again);
+
+  loop.RunPending();
+
+  EXPECT_EQ(runs, 1);
+}
+
+TEST(EventLoopTest, RunPendingEndsWithATaskThatStopsTheLoop) {
+  EventLoop loop;
+  bool ran = false;
+  loop.Post([&loop] { loop.Stop(); });
+  loop.Post([&ran] { ran = true; });
+
+  loop.RunPending();
+  EXPECT_FALSE(ran);
+
+  loop.RunPending();
+  EXPECT_TRUE(ran);
 }
 
 }  // namespace

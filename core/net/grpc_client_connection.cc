@@ -69,7 +69,10 @@ void GrpcClientCall::OnRemoteEnd() {
 
 void GrpcClientCall::OnClosed(Http2Error error) {
   if (error == Http2Error::kConnectionLost) {
-    return Done(absl::UnavailableError("the connection was lost before the answer came"));
+    const absl::Status& failure = connection_->stream_failure();
+    return Done(
+        absl::UnavailableError(absl::StrCat("the connection was lost before the answer came",
+                                            failure.ok() ? "" : ": ", failure.message())));
   }
   const auto number = static_cast<uint32_t>(error);
   Done(absl::Status(StatusFromRstStream(number),
@@ -89,26 +92,30 @@ GrpcClientConnection::GrpcClientConnection(EventLoop& loop, std::unique_ptr<Byte
                                            std::string authority, const GrpcClientOptions& options,
                                            Visitor& visitor)
     : authority_(std::move(authority)),
+      scheme_(stream->peer().kind == Peer::Kind::kTls ? "https" : "http"),
       options_(options),
       visitor_(visitor),
       http2_(loop, std::move(stream), Http2Session::Role::kClient, options.http2, *this) {}
 
 GrpcClientCall* GrpcClientConnection::StartCall(std::string_view path, absl::Duration timeout,
-                                                GrpcClientCall::Visitor& visitor) {
+                                                GrpcClientCall::Visitor& visitor,
+                                                absl::Span<const HeaderField> metadata) {
   absl::InlinedVector<HeaderField, 8> headers = {
-      {":method", "POST"},        {":scheme", "http"}, {":path", path},
-      {":authority", authority_}, {"te", "trailers"},  {"content-type", "application/grpc"},
+      {":method", "POST"},        {":scheme", scheme_}, {":path", path},
+      {":authority", authority_}, {"te", "trailers"},   {"content-type", "application/grpc"},
   };
   std::string timeout_text;
   if (timeout != absl::InfiniteDuration()) {
     timeout_text = FormatGrpcTimeout(timeout);
     headers.push_back({"grpc-timeout", timeout_text});
   }
+  headers.insert(headers.end(), metadata.begin(), metadata.end());
   auto call = std::make_unique<GrpcClientCall>(options_.max_message_bytes, visitor);
   GrpcClientCall* started = call.get();
   const StreamId stream_id = http2_.session().OpenStream(headers, std::move(call));
   if (stream_id < 0) return nullptr;
   started->session_ = &http2_.session();
+  started->connection_ = &http2_;
   started->stream_id_ = stream_id;
   return started;
 }

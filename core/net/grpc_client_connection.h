@@ -60,7 +60,8 @@ class GrpcClientCall : public Http2Session::Handler {
   void Fail(const absl::Status& status);
   void Done(const absl::Status& status);
 
-  Http2Session* session_ = nullptr;  // Set once the stream is open, with its id.
+  Http2Session* session_ = nullptr;  // Set once the stream is open, with what follows.
+  const Http2Connection* connection_ = nullptr;
   StreamId stream_id_ = -1;
   Visitor* visitor_;  // Null once the call has ended.
   MessageReader reader_;
@@ -88,10 +89,11 @@ class GrpcClientConnection : private Http2Connection::Visitor {
   // The calls that are open are done, with status UNAVAILABLE.
   ~GrpcClientConnection() override = default;
 
-  // Starts a call of `path`; `timeout` is what the server is told. `visitor` must live until the
-  // call ends. Null if this connection takes no more calls.
+  // Starts a call of `path`; `timeout` and `metadata` are what the server is told. `visitor` must
+  // live until the call ends. Null if this connection takes no more calls.
   GrpcClientCall* StartCall(std::string_view path, absl::Duration timeout,
-                            GrpcClientCall::Visitor& visitor);
+                            GrpcClientCall::Visitor& visitor,
+                            absl::Span<const HeaderField> metadata = {});
 
  private:
   std::unique_ptr<Http2Session::Handler> OnNewStream(StreamId /*stream_id*/) override {
@@ -103,6 +105,7 @@ class GrpcClientConnection : private Http2Connection::Visitor {
   }
 
   const std::string authority_;
+  const std::string_view scheme_;
   const GrpcClientOptions options_;
   Visitor& visitor_;
   Http2Connection http2_;  // Last: calls into the rest.

@@ -16,6 +16,7 @@ bool IsGrpcContentType(std::string_view content_type) {
 
 GrpcRequest ParseGrpcRequest(const HeaderList& headers) {
   GrpcRequestHead head;
+  head.headers = &headers;
   std::string_view method;
   std::string_view content_type;
   std::string_view timeout;

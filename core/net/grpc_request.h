@@ -17,6 +17,8 @@ struct GrpcRequestHead {
   absl::Duration timeout = absl::InfiniteDuration();
   // "identity" if the client names none.
   std::string_view encoding = "identity";
+  // The whole block.
+  const HeaderList* headers = nullptr;
 };
 
 // How a request that is no gRPC call is answered: with a bare HTTP status.

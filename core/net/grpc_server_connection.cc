@@ -27,6 +27,9 @@ std::string EncodeText(std::string_view text) {
   return PercentEncode(text.substr(0, end));
 }
 
+// What one call may have waiting in its HTTP/2 stream. More waits where it can still be replaced.
+constexpr std::size_t kSendBytes = 16 << 10;
+
 }  // namespace
 
 GrpcServerCall::GrpcServerCall(GrpcServerConnection& connection, StreamId stream_id)
@@ -40,13 +43,31 @@ Http2Session& GrpcServerCall::session() const {
   return connection_.http2_.session();
 }
 
-void GrpcServerCall::Send(std::string framed) {
+const std::shared_ptr<const Peer>& GrpcServerCall::peer() const {
+  return connection_.peer_;
+}
+
+void GrpcServerCall::SendHeaders() {
+  if (finished_ || std::exchange(headers_sent_, true)) return;
+  session().SendHeaders(stream_id_, {kStatusOk, kContentType, kAcceptEncoding},
+                        /*end_stream=*/false);
+}
+
+void GrpcServerCall::Send(std::string framed, std::shared_ptr<const std::string> shared) {
   if (finished_) return;
-  if (!std::exchange(headers_sent_, true)) {
-    session().SendHeaders(stream_id_, {kStatusOk, kContentType, kAcceptEncoding},
-                          /*end_stream=*/false);
-  }
+  SendHeaders();
   session().SendData(stream_id_, std::move(framed), /*end_stream=*/false);
+  if (shared != nullptr) session().SendSharedData(stream_id_, std::move(shared));
+}
+
+bool GrpcServerCall::HasRoom() const {
+  return session().QueuedBytes(stream_id_) < kSendBytes;
+}
+
+void GrpcServerCall::Reset(Http2Error error) {
+  finished_ = true;
+  TakeVisitor();
+  session().Reset(stream_id_, error);
 }
 
 void GrpcServerCall::Finish(const absl::Status& status) {
@@ -127,6 +148,10 @@ void GrpcServerCall::OnRemoteEnd() {
   }
 }
 
+void GrpcServerCall::OnSendQueueEmpty() {
+  if (visitor_ != nullptr) visitor_->OnRoom();
+}
+
 void GrpcServerCall::OnClosed(Http2Error /*error*/) {
   finished_ = true;
   if (Visitor* visitor = TakeVisitor()) visitor->OnCancelled();
@@ -148,6 +173,7 @@ GrpcServerConnection::GrpcServerConnection(EventLoop& loop, std::unique_ptr<Byte
     : loop_(loop),
       options_(options),
       visitor_(visitor),
+      peer_(std::make_shared<const Peer>(stream->peer())),
       http2_(loop, std::move(stream), Http2Session::Role::kServer, options.http2, *this) {}
 
 std::unique_ptr<Http2Session::Handler> GrpcServerConnection::OnNewStream(StreamId stream_id) {

@@ -14,6 +14,7 @@
 #include "core/net/http2_connection.h"
 #include "core/net/http2_session.h"
 #include "core/net/message_framing.h"
+#include "core/net/peer.h"
 
 namespace varnic::net {
 
@@ -40,6 +41,8 @@ class GrpcServerCall : public Http2Session::Handler {
     virtual void OnMessage(std::string_view message) = 0;
     // The client sends no more messages.
     virtual void OnHalfClose() = 0;
+    // There is room again, after HasRoom() was false.
+    virtual void OnRoom() {}
     // Nobody waits for an answer any more: the client has reset the call, its connection is lost,
     // its deadline has passed, or what it sent could not be read. The call is not to be used again.
     virtual void OnCancelled() = 0;
@@ -54,18 +57,29 @@ class GrpcServerCall : public Http2Session::Handler {
   // finishes it at once.
   void Accept(Visitor& visitor) { visitor_ = &visitor; }
 
+  // Who calls. May be kept for longer than the call.
+  const std::shared_ptr<const Peer>& peer() const;
   // absl::InfiniteFuture() if the client set no timeout.
   absl::Time deadline() const { return deadline_; }
 
-  // Sends one message, framed by FrameMessage().
-  void Send(std::string framed);
+  // Answers with the headers of the response, before there is a message to send.
+  void SendHeaders();
+  // Sends one message, framed by FrameMessage(); or, with `shared`, the framing and the beginning
+  // of one, whose rest is `shared`.
+  void Send(std::string framed, std::shared_ptr<const std::string> shared = nullptr);
+  // Whether what was sent so far is on its way, but for a little. Whoever has much to send keeps
+  // the rest for later.
+  bool HasRoom() const;
   // Ends the call behind what was sent. A text of many kilobytes reaches the client cut.
   void Finish(const absl::Status& status);
+  // Ends the call at once, without what waits to be sent. Clients make a status of `error`.
+  void Reset(Http2Error error);
 
  private:
   void OnHeaders(const HeaderList& headers) override;
   void OnData(std::string_view chunk) override;
   void OnRemoteEnd() override;
+  void OnSendQueueEmpty() override;
   void OnClosed(Http2Error error) override;
 
   void Begin(const GrpcRequestHead& head);
@@ -110,6 +124,10 @@ class GrpcServerConnection : private Http2Connection::Visitor {
   // Cancels the calls that are open.
   ~GrpcServerConnection() override = default;
 
+  // Tells the client to make no more calls; the connection ends when those that are open have
+  // ended.
+  void SendGoaway() { http2_.session().SendGoaway(); }
+
  private:
   friend class GrpcServerCall;
 
@@ -120,6 +138,7 @@ class GrpcServerConnection : private Http2Connection::Visitor {
   EventLoop& loop_;
   const GrpcServerOptions options_;
   Visitor& visitor_;
+  const std::shared_ptr<const Peer> peer_;
   Http2Connection http2_;  // Last: calls into the rest.
 };
 

@@ -8,6 +8,9 @@ namespace {
 // How much one write offers to the peer.
 constexpr std::size_t kWriteBytes = 64 << 10;
 
+// How long a peer may take to close a connection on which everything has been said.
+constexpr absl::Duration kLinger = absl::Seconds(1);
+
 }  // namespace
 
 Http2Connection::Http2Connection(EventLoop& loop, std::unique_ptr<ByteStream> stream,
@@ -23,6 +26,7 @@ Http2Connection::~Http2Connection() {
 }
 
 void Http2Connection::OnBytes(std::string_view bytes) {
+  if (linger_timer_ != nullptr) return;  // Nobody listens any more.
   flush_follows_ = true;
   const absl::Status status = session_.ProcessBytes(bytes);
   if (status.ok()) {
@@ -38,6 +42,8 @@ void Http2Connection::OnWritable() {
 }
 
 void Http2Connection::OnClosed(const absl::Status& status) {
+  if (linger_timer_ != nullptr) return End(absl::OkStatus());
+  stream_failure_ = status;
   End(status.ok() ? absl::UnavailableError("the peer closed the connection") : status);
 }
 
@@ -60,8 +66,10 @@ void Http2Connection::Flush() {
   const bool all_written = WriteOutput();
   flush_follows_ = false;
   // A peer that broke the protocol hears of it as far as it reads; nobody waits for it.
-  if (session_.IsFinished() && (all_written || !session_.failure().ok())) {
+  if (session_.IsFinished() && !session_.failure().ok()) {
     End(session_.failure());
+  } else if (session_.IsFinished() && all_written) {
+    Linger();
   } else if (!all_written && session_.IsFlooded()) {
     End(absl::ResourceExhaustedError("the peer does not read what it makes this end say"));
   }
@@ -82,6 +90,13 @@ bool Http2Connection::Write(std::string_view bytes) {
   const std::size_t written = stream_->Write(bytes);
   unsent_ = bytes.substr(written);
   return unsent_.empty();
+}
+
+void Http2Connection::Linger() {
+  if (linger_timer_ != nullptr) return;
+  linger_timer_ = std::make_unique<Timer>(loop_);
+  linger_timer_->Start(kLinger, [this] { End(absl::OkStatus()); });
+  stream_->ShutdownWrite();
 }
 
 void Http2Connection::End(const absl::Status& status) {

@@ -36,6 +36,8 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   ~Http2Connection() override;
 
   Http2Session& session() { return session_; }
+  // How the byte stream has failed; OK while it has not, and if the peer closed it.
+  const absl::Status& stream_failure() const { return stream_failure_; }
 
  private:
   void OnBytes(std::string_view bytes) override;
@@ -50,6 +52,9 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   // False if the peer does not take everything now.
   bool WriteOutput();
   bool Write(std::string_view bytes);
+  // Waits a little until the peer has closed: a connection that is closed with bytes on their way
+  // to it is reset, and the peer may never see what was sent last.
+  void Linger();
   void End(const absl::Status& status);
 
   EventLoop& loop_;
@@ -58,6 +63,8 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   Http2Session session_;
   std::string unsent_;  // Taken from the session, and not yet taken by the peer.
   bool flush_follows_ = false;
+  absl::Status stream_failure_;
+  std::unique_ptr<Timer> linger_timer_;  // Once there is nothing left to say.
   Lifetime lifetime_;
 };
 

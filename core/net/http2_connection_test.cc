@@ -179,24 +179,25 @@ TEST_F(Http2ConnectionTest, InputIsReadWhileThePeerDoesNotRead) {
   EXPECT_THAT(events_, ElementsAre("headers 1", "end 1"));
 }
 
-TEST_F(Http2ConnectionTest, APeerThatForcesAnswersAndReadsNoneIsDropped) {
+TEST_F(Http2ConnectionTest, APeerThatPingsAndReadsNoAnswerIsDropped) {
   Exchange();
+  peer_.LimitRoom(0);
+
+  for (int i = 0; i < 2000; ++i) peer_.Send(MakeFrame(/*PING*/ 6, 0, 0, "12345678"));
+
+  EXPECT_FALSE(peer_.open());
+  EXPECT_THAT(events_, ElementsAre(HasSubstr("connection closed: INVALID_ARGUMENT: HTTP/2: ")));
+}
+
+TEST_F(Http2ConnectionTest, APeerThatForcesResetsAndReadsNoneIsDropped) {
   refuse_streams_ = true;
   peer_.LimitRoom(0);
 
-  for (int i = 0; i < 200 && peer_.open(); ++i) {
-    for (int j = 0; j < 100; ++j) client_.Reset(client_.Request(kRequest), 8), client_.Take();
-    for (int j = 0; j < 100; ++j) client_.Request(kRequest);
-    peer_.Send(client_.Take());
-    peer_.Send(MakeFrame(/*PING*/ 6, 0, 0, "12345678"));
-  }
-  for (int i = 0; i < 20'000 && peer_.open(); ++i) {
-    peer_.Send(MakeFrame(/*PING*/ 6, 0, 0, "12345678"));
-  }
+  for (int i = 0; i < 20'000; ++i) client_.Request(kRequest);
+  peer_.SendInPieces(client_.Take(), 64 << 10);
 
   EXPECT_FALSE(peer_.open());
-  ASSERT_EQ(events_.size(), 1u);
-  EXPECT_THAT(events_[0], HasSubstr("connection closed: "));
+  EXPECT_THAT(events_, ElementsAre(HasSubstr("connection closed: RESOURCE_EXHAUSTED")));
 }
 
 TEST_F(Http2ConnectionTest, BytesThatAreNoHttp2EndTheConnectionWithAnError) {
@@ -286,8 +287,9 @@ TEST_F(Http2ConnectionTest, MayBeDestroyedWhenAGoawayHasEndedIt) {
   destroy_at_end_ = true;
   Exchange();
   connection_->session().SendGoaway();
-
   loop_.RunPending();
+
+  peer_.Close();
 
   EXPECT_EQ(connection_, nullptr);
   EXPECT_THAT(events_, ElementsAre("connection closed: OK"));
@@ -325,6 +327,8 @@ TEST_F(Http2ConnectionTest, AGoawayEndsTheConnectionAfterTheLastStream) {
 
   connection_->session().SendData(id, "!", /*end_stream=*/true);
   Exchange();
+  EXPECT_TRUE(peer_.has_farewell());
+  peer_.Close();
 
   EXPECT_FALSE(peer_.open());
   EXPECT_EQ(events_.back(), "connection closed: OK");
@@ -335,9 +339,26 @@ TEST_F(Http2ConnectionTest, ThePeersGoawayWithNothingOpenEndsTheConnection) {
   Exchange();
   client_.Goaway(0);
   Exchange();
+  EXPECT_TRUE(peer_.has_farewell());
+  peer_.Close();
 
   EXPECT_FALSE(peer_.open());
   EXPECT_THAT(events_, ElementsAre("goaway", "connection closed: OK"));
+}
+
+// Closing at once would reset the connection under the peer's last bytes, and lose what was sent
+// last.
+TEST_F(Http2ConnectionTest, FinishedConnectionIsOpenUntilThePeerHasClosedOrTimeIsUp) {
+  Exchange();
+  connection_->session().SendGoaway();
+  Exchange();
+  ASSERT_TRUE(peer_.has_farewell());
+
+  peer_.Send("bytes that nobody hears any more");
+  EXPECT_TRUE(peer_.open());
+  loop_.RunUntil([this] { return !peer_.open(); });
+
+  EXPECT_THAT(events_, ElementsAre("connection closed: OK"));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "core/common/rpc/fatal.h"
+#include "core/net/send_buffer.h"
 
 namespace varnic::net {
 namespace {
@@ -65,8 +66,7 @@ bool EndsStream(const nghttp2_frame& frame) {
 
 struct Http2Session::Stream {
   std::unique_ptr<Handler> handler;
-  std::string queue;
-  std::size_t sent = 0;  // Of `queue`.
+  SendBuffer queue;
   bool end_after_queue = false;
   bool local_ended = false;
   bool remote_ended = false;
@@ -178,13 +178,11 @@ struct Http2Session::Callbacks {
   static ssize_t ReadData(nghttp2_session* session, int32_t stream_id, uint8_t* buffer, size_t size,
                           uint32_t* flags, nghttp2_data_source* source, void* /*user_data*/) {
     Stream& stream = *static_cast<Stream*>(source->ptr);
-    const std::size_t taken = std::min(size, stream.queue.size() - stream.sent);
-    stream.queue.copy(reinterpret_cast<char*>(buffer), taken, stream.sent);
-    stream.sent += taken;
-    if (stream.sent < stream.queue.size()) return static_cast<ssize_t>(taken);
-
-    std::string().swap(stream.queue);  // An idle stream keeps no buffer.
-    stream.sent = 0;
+    const std::size_t taken = stream.queue.Take(reinterpret_cast<char*>(buffer), size);
+    if (stream.queue.empty() && !stream.end_after_queue && stream.handler != nullptr) {
+      stream.handler->OnSendQueueEmpty();
+    }
+    if (!stream.queue.empty()) return static_cast<ssize_t>(taken);
     if (stream.end_after_queue) {
       *flags |= NGHTTP2_DATA_FLAG_EOF;
       SubmitTrailers(session, stream_id, stream, *flags);
@@ -335,17 +333,21 @@ void Http2Session::SendHeaders(StreamId stream_id, absl::Span<const HeaderField>
 void Http2Session::SendData(StreamId stream_id, std::string bytes, bool end_stream) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
-  if (stream->queue.empty()) {
-    stream->queue = std::move(bytes);
-  } else {
-    // A queue that never runs empty must not keep what was sent. Each byte is moved once at most.
-    if (stream->sent >= stream->queue.size() / 2) {
-      stream->queue.erase(0, std::exchange(stream->sent, 0));
-    }
-    stream->queue += bytes;
-  }
+  stream->queue.Append(std::move(bytes));
   stream->end_after_queue = end_stream;
   ResumeData(stream_id);
+}
+
+void Http2Session::SendSharedData(StreamId stream_id, std::shared_ptr<const std::string> bytes) {
+  Stream* stream = Find(stream_id);
+  if (stream == nullptr) return;
+  stream->queue.AppendShared(std::move(bytes));
+  ResumeData(stream_id);
+}
+
+std::size_t Http2Session::QueuedBytes(StreamId stream_id) const {
+  const Stream* stream = Find(stream_id);
+  return stream == nullptr ? 0 : stream->queue.bytes();
 }
 
 void Http2Session::SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers) {
@@ -362,8 +364,7 @@ void Http2Session::Reset(StreamId stream_id, Http2Error error) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
   // A request that waits for its turn is forgotten only then; what it would have sent, now.
-  std::string().swap(stream->queue);
-  stream->sent = 0;
+  stream->queue = SendBuffer();
   stream->end_after_queue = false;
   Callbacks::SubmitReset(session_.get(), stream_id, error);
   AnnounceOutput();

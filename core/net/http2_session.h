@@ -60,6 +60,9 @@ class Http2Session {
     virtual void OnData(std::string_view chunk) = 0;  // Valid for the call.
     // The peer will send no more on this stream.
     virtual void OnRemoteEnd() = 0;
+    // All that was sent on the stream is on its way: time to send more of what waits elsewhere.
+    // Comes while output is taken; sending is fine, as everywhere.
+    virtual void OnSendQueueEmpty() {}
     // The stream is gone; kNoError if both ends had finished with it. The last call: the session
     // then destroys the handler.
     virtual void OnClosed(Http2Error error) = 0;
@@ -110,6 +113,10 @@ class Http2Session {
   // The rest belongs to both. What is sent on a stream that is already gone, as it may be after a
   // reset by the peer, is dropped.
   void SendData(StreamId stream_id, std::string bytes, bool end_stream);
+  // The same for bytes that go out on many streams, which all keep the same ones.
+  void SendSharedData(StreamId stream_id, std::shared_ptr<const std::string> bytes);
+  // What was sent on a stream and waits for the connection, or for the peer's window.
+  std::size_t QueuedBytes(StreamId stream_id) const;
   // Ends the stream behind what was sent, with a trailing header block.
   void SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers);
   void Reset(StreamId stream_id, Http2Error error);

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -13,6 +14,7 @@
 #include "base/logging.h"
 #include "core/net/asio.h"
 #include "core/net/lifetime.h"
+#include "core/net/log_limiter.h"
 
 namespace varnic::net {
 namespace {
@@ -42,7 +44,7 @@ void SetCloseOnExec(AnySocket& socket) {
 // idle connection costs no buffer.
 class SocketStream : public ByteStream {
  public:
-  explicit SocketStream(Socket socket) : socket_(std::move(socket)) {
+  SocketStream(Socket socket, Peer peer) : socket_(std::move(socket)), peer_(std::move(peer)) {
     SetCloseOnExec(socket_);
     asio::error_code ignored;  // A socket that fails here fails at the first read.
     socket_.non_blocking(true, ignored);
@@ -60,6 +62,13 @@ class SocketStream : public ByteStream {
     if (written < bytes.size() && (!error || error == asio::error::would_block)) WaitWritable();
     return written;
   }
+
+  void ShutdownWrite() override {
+    asio::error_code ignored;  // A connection that is gone needs no farewell.
+    socket_.shutdown(Socket::shutdown_send, ignored);
+  }
+
+  const Peer& peer() const override { return peer_; }
 
  private:
   void WaitReadable() {
@@ -97,28 +106,48 @@ class SocketStream : public ByteStream {
   }
 
   Socket socket_;
+  const Peer peer_;
   Visitor* visitor_ = nullptr;
   bool waiting_to_write_ = false;
   Lifetime lifetime_;
 };
 
-// Sockets on which small frames are sent as soon as they are there.
-std::unique_ptr<ByteStream> MakeStream(asio::local::stream_protocol::socket socket) {
-  return std::make_unique<SocketStream>(Socket(std::move(socket)));
+absl::StatusOr<Peer> ReadPeer(asio::local::stream_protocol::socket& socket) {
+  return ReadUnixPeer(socket.native_handle());
 }
-std::unique_ptr<ByteStream> MakeStream(asio::ip::tcp::socket socket) {
+absl::StatusOr<Peer> ReadPeer(asio::ip::tcp::socket& socket) {
+  asio::error_code error;
+  const asio::ip::tcp::endpoint endpoint = socket.remote_endpoint(error);
+  if (error) return StatusFrom(error, "cannot read the peer's address");
+  Address address;
+  address.host = endpoint.address().to_string();
+  address.port = endpoint.port();
+  Peer peer;
+  peer.address = address.ToString();
+  return peer;
+}
+
+// Sockets on which small frames are sent as soon as they are there.
+std::unique_ptr<ByteStream> MakeStream(asio::local::stream_protocol::socket socket, Peer peer) {
+  return std::make_unique<SocketStream>(Socket(std::move(socket)), std::move(peer));
+}
+std::unique_ptr<ByteStream> MakeStream(asio::ip::tcp::socket socket, Peer peer) {
   asio::error_code ignored;  // Slower then, not broken.
   socket.set_option(asio::ip::tcp::no_delay(true), ignored);
-  return std::make_unique<SocketStream>(Socket(std::move(socket)));
+  return std::make_unique<SocketStream>(Socket(std::move(socket)), std::move(peer));
 }
 
 template <class Protocol>
 class AsioListener : public Listener {
  public:
-  AsioListener(EventLoop& loop, OnAccept on_accept)
-      : acceptor_(loop.context()), pause_(loop), on_accept_(std::move(on_accept)) {}
+  AsioListener(EventLoop& loop, OnAccept on_accept, const ListenerOptions& options)
+      : options_(options),
+        acceptor_(loop.context()),
+        pause_(loop),
+        on_accept_(std::move(on_accept)) {}
 
   const Address& address() const override { return address_; }
+  std::uint64_t refused() const override { return refused_; }
 
  protected:
   using Acceptor = asio::basic_socket_acceptor<Protocol>;
@@ -126,7 +155,7 @@ class AsioListener : public Listener {
   void Accept() {
     acceptor_.async_accept(
         lifetime_.Guard([this](const asio::error_code& error, typename Protocol::socket socket) {
-          if (!error) on_accept_(MakeStream(std::move(socket)));
+          if (!error) Admit(std::move(socket));
           OnAccepted(error);
         }));
   }
@@ -140,12 +169,35 @@ class AsioListener : public Listener {
     pause_.Start(kAcceptPause, [this] { Accept(); });
   }
 
+  const ListenerOptions options_;
   Acceptor acceptor_;
   Address address_;
 
  private:
+  // Drops the socket of a peer that may not come in.
+  void Admit(typename Protocol::socket socket) {
+    absl::StatusOr<Peer> peer = ReadPeer(socket);
+    if (!peer.ok()) return Refuse(std::string(peer.status().message()));
+    if (peer->kind == Peer::Kind::kUnix && !options_.unix_admission.Admits(*peer)) {
+      return Refuse(peer->ToString());
+    }
+    on_accept_(MakeStream(std::move(socket), *std::move(peer)));
+  }
+
+  void Refuse(const std::string& who) {
+    ++refused_;
+    const std::optional<std::uint64_t> left_out = refusals_.Admit();
+    if (left_out && logging::ShouldCreateLogMessage(logging::LOGGING_WARNING)) {
+      logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_WARNING).stream()
+          << "Refused a connection on " << address_.ToString() << ": " << who
+          << LogLimiter::More(*left_out);
+    }
+  }
+
   Timer pause_;
   const OnAccept on_accept_;
+  std::uint64_t refused_ = 0;
+  LogLimiter refusals_;
   Lifetime lifetime_;
 };
 
@@ -176,7 +228,9 @@ class UnixListener : public AsioListener<asio::local::stream_protocol> {
     if (error) return Failure(error.message());
     bound_ = lstat(address.path.c_str(), &file_) == 0;
     // Nobody can connect before the call of listen, so nobody gets in before the mode is set.
-    if (chmod(address.path.c_str(), 0600) != 0) return Failure("cannot set the socket's mode");
+    if (chmod(address.path.c_str(), options_.unix_admission.SocketMode()) != 0) {
+      return Failure("cannot set the socket's mode");
+    }
     acceptor_.listen(Acceptor::max_listen_connections, error);
     if (error) return Failure(error.message());
     Accept();
@@ -223,7 +277,7 @@ class TcpListener : public AsioListener<asio::ip::tcp> {
 
   absl::Status Start(const Address& address) {
     address_ = address;
-    if (!address.IsLoopback()) {
+    if (!options_.beyond_loopback && !address.IsLoopback()) {
       return absl::FailedPreconditionError(
           absl::StrCat("cannot listen on ", address.ToString(),
                        ": plain TCP is served on a loopback address only, such as 127.0.0.1"));
@@ -247,8 +301,9 @@ class TcpListener : public AsioListener<asio::ip::tcp> {
 
 template <class ListenerType>
 absl::StatusOr<std::unique_ptr<Listener>> StartListener(EventLoop& loop, const Address& address,
-                                                        Listener::OnAccept on_accept) {
-  auto listener = std::make_unique<ListenerType>(loop, std::move(on_accept));
+                                                        Listener::OnAccept on_accept,
+                                                        const ListenerOptions& options) {
+  auto listener = std::make_unique<ListenerType>(loop, std::move(on_accept), options);
   if (absl::Status status = listener->Start(address); !status.ok()) return status;
   return std::unique_ptr<Listener>(std::move(listener));
 }
@@ -264,10 +319,11 @@ class AsioConnector : public Connector {
       // The owner may destroy this connector inside the call.
       const Done done = std::move(done_);
       if (error) {
-        done(StatusFrom(error, absl::StrCat("cannot connect to ", address_.ToString())));
-      } else {
-        done(MakeStream(std::move(socket_)));
+        return done(StatusFrom(error, absl::StrCat("cannot connect to ", address_.ToString())));
       }
+      absl::StatusOr<Peer> peer = ReadPeer(socket_);
+      if (!peer.ok()) return done(peer.status());
+      done(MakeStream(std::move(socket_), *std::move(peer)));
     }));
   }
 
@@ -288,11 +344,12 @@ class AsioConnector : public Connector {
 }  // namespace
 
 absl::StatusOr<std::unique_ptr<Listener>> Listener::Listen(EventLoop& loop, const Address& address,
-                                                           OnAccept on_accept) {
+                                                           OnAccept on_accept,
+                                                           const ListenerOptions& options) {
   if (address.kind == Address::Kind::kUnix) {
-    return StartListener<UnixListener>(loop, address, std::move(on_accept));
+    return StartListener<UnixListener>(loop, address, std::move(on_accept), options);
   }
-  return StartListener<TcpListener>(loop, address, std::move(on_accept));
+  return StartListener<TcpListener>(loop, address, std::move(on_accept), options);
 }
 
 std::unique_ptr<Connector> Connector::Connect(EventLoop& loop, const Address& address, Done done) {

@@ -1,6 +1,7 @@
 #ifndef CORE_NET_SOCKET_STREAM_H_
 #define CORE_NET_SOCKET_STREAM_H_
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -9,23 +10,35 @@
 #include "core/net/address.h"
 #include "core/net/byte_stream.h"
 #include "core/net/event_loop.h"
+#include "core/net/unix_admission.h"
 
 namespace varnic::net {
 
-// Accepts connections on one address: a Unix-domain socket, or TCP on loopback. RPC thread only.
+struct ListenerOptions {
+  // For a Unix-domain socket.
+  UnixAdmission unix_admission;
+  // For TCP: whatever goes over these connections is encrypted, so they may come from anywhere.
+  bool beyond_loopback = false;
+};
+
+// Accepts connections on one address: a Unix-domain socket, or TCP. RPC thread only.
 class Listener {
  public:
   using OnAccept = std::function<void(std::unique_ptr<ByteStream>)>;
 
-  // Listens at once. The socket file of a Unix address is made with mode 0600; one that a dead
-  // process has left behind is replaced, one on which somebody listens is not. TCP is refused
-  // anywhere but on a loopback address: what goes over it is neither encrypted nor authenticated.
+  // Listens at once. A socket file that a dead process has left behind is replaced, one on which
+  // somebody listens is not. Who may not connect to a Unix-domain socket is let go at once, counted
+  // and logged. TCP is refused anywhere but on a loopback address, unless the options say
+  // otherwise.
   static absl::StatusOr<std::unique_ptr<Listener>> Listen(EventLoop& loop, const Address& address,
-                                                          OnAccept on_accept);
+                                                          OnAccept on_accept,
+                                                          const ListenerOptions& options = {});
   virtual ~Listener() = default;
 
   // Where it listens, with the port that the system has picked.
   virtual const Address& address() const = 0;
+  // Counts those who came and were not let in.
+  virtual std::uint64_t refused() const = 0;
 };
 
 // Connects to `address`, and then calls `done` once, from the loop, unless the returned object is

@@ -407,6 +407,9 @@ class NoDescriptors {
 };
 
 TEST_F(SocketStreamTest, WithoutDescriptorsAcceptingWaitsAndGoesOnLater) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizers need descriptors themselves";
+#endif
   const auto listener = Listen(UnixAddress());
   ASSERT_TRUE(listener.ok());
   const auto connector = Connector::Connect(loop_, UnixAddress(),

@@ -21,6 +21,10 @@ class FakePeer::Stream : public ByteStream {
     return written;
   }
 
+  void ShutdownWrite() override { peer_.has_farewell_ = true; }
+
+  const Peer& peer() const override { return peer_.identity_; }
+
   Visitor& visitor() { return *visitor_; }
   bool StopWaitingForRoom() { return std::exchange(waits_for_room_, false); }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "absl/status/status.h"
 #include "core/net/byte_stream.h"
@@ -22,8 +23,12 @@ class FakePeer {
   FakePeer(const FakePeer&) = delete;
   FakePeer& operator=(const FakePeer&) = delete;
 
+  // Who the stream says is at its other end; before MakeStream().
+  void set_identity(Peer identity) { identity_ = std::move(identity); }
   // The one stream of this peer.
   std::unique_ptr<ByteStream> MakeStream();
+  // Whether the stream has said that it sends no more.
+  bool has_farewell() const { return has_farewell_; }
   // False once the stream is destroyed.
   bool open() const { return stream_ != nullptr; }
 
@@ -48,8 +53,10 @@ class FakePeer {
 
   void End(const absl::Status& status);
 
+  Peer identity_;
   Stream* stream_ = nullptr;
   std::string taken_;
+  bool has_farewell_ = false;
   int writes_ = 0;
   std::size_t room_ = std::numeric_limits<std::size_t>::max();
 };

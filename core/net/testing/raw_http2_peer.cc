@@ -114,7 +114,7 @@ RawHttp2Peer::RawHttp2Peer(Role role, uint32_t max_concurrent_streams,
   nghttp2_option_new(&options);
   nghttp2_option_set_no_http_messaging(options, 1);
   nghttp2_option_set_no_auto_window_update(options, 1);
-  nghttp2_option_set_peer_max_concurrent_streams(options, 1000);
+  nghttp2_option_set_peer_max_concurrent_streams(options, 1'000'000);
   // Answers and requests of any size, so that limits of the other side can be tried.
   nghttp2_option_set_max_send_header_block_length(options, 1 << 20);
 
@@ -147,6 +147,12 @@ void RawHttp2Peer::Respond(int32_t stream_id, const Fields& fields, bool end) {
   const nghttp2_data_provider provider = Callbacks::Provider();
   nghttp2_submit_response(session_.get(), stream_id, values.data(), values.size(),
                           end ? nullptr : &provider);
+}
+
+void RawHttp2Peer::Inform(int32_t stream_id, const Fields& fields) {
+  const auto values = NameValues(fields);
+  nghttp2_submit_headers(session_.get(), NGHTTP2_FLAG_NONE, stream_id, nullptr, values.data(),
+                         values.size(), nullptr);
 }
 
 void RawHttp2Peer::Data(int32_t stream_id, std::string_view bytes, bool end) {

@@ -31,6 +31,8 @@ class RawHttp2Peer {
   int32_t Request(const Fields& fields, bool end = false);
   // A server's.
   void Respond(int32_t stream_id, const Fields& fields, bool end = false);
+  // A server's: an informational header block before the answer.
+  void Inform(int32_t stream_id, const Fields& fields);
   void Data(int32_t stream_id, std::string_view bytes, bool end = false);
   void Trailers(int32_t stream_id, const Fields& fields);
   void Reset(int32_t stream_id, uint32_t error_code);

@@ -1,0 +1,26 @@
+#ifndef CORE_NET_TLS_SOCKET_H_
+#define CORE_NET_TLS_SOCKET_H_
+
+#include <memory>
+
+#include "absl/status/statusor.h"
+#include "core/net/socket_stream.h"
+#include "core/net/tls_context.h"
+
+namespace varnic::net {
+
+// Accepts TLS connections on a TCP address, loopback or not. `on_accept` gets those whose
+// handshakes have succeeded; the others are closed, counted as refused, and logged. RPC thread
+// only.
+absl::StatusOr<std::unique_ptr<Listener>> ListenTls(EventLoop& loop, const Address& address,
+                                                    const TlsServerOptions& options,
+                                                    Listener::OnAccept on_accept);
+
+// Connects to a TCP address and does the TLS handshake there; the rest is as with
+// Connector::Connect(). `context` must outlive the connector.
+std::unique_ptr<Connector> ConnectTls(EventLoop& loop, const Address& address,
+                                      const TlsClientContext& context, Connector::Done done);
+
+}  // namespace varnic::net
+
+#endif  // CORE_NET_TLS_SOCKET_H_
