@@ -7,6 +7,7 @@
 #include "core/common/rpc/fatal.h"
 #include "core/net/address.h"
 #include "core/net/frame_message.h"
+#include "core/net/tls_socket.h"
 
 namespace varnic {
 
@@ -114,10 +115,30 @@ class Client::Connections : private net::GrpcClientConnection::Visitor {
   net::GrpcClientConnection* current_ = nullptr;
 };
 
+namespace {
+
+absl::StatusOr<net::Address> ParseTarget(const std::string& target, const ClientOptions& options) {
+  absl::StatusOr<net::Address> address = net::Address::Parse(target);
+  if (address.ok() && options.tls.has_value() && address->kind != net::Address::Kind::kTcp) {
+    return absl::InvalidArgumentError(
+        absl::StrCat("cannot connect to ", target, " with TLS: TLS is for TCP addresses"));
+  }
+  return address;
+}
+
+absl::StatusOr<std::unique_ptr<net::TlsClientContext>> MakeTlsContext(
+    const ClientOptions& options) {
+  if (!options.tls.has_value()) return nullptr;
+  return net::TlsClientContext::Create(*options.tls);
+}
+
+}  // namespace
+
 Client::Client(net::EventLoop& loop, const std::string& target, const ClientOptions& options)
     : loop_(loop),
       options_(options),
-      target_(net::Address::Parse(target)),
+      target_(ParseTarget(target, options)),
+      tls_(MakeTlsContext(options)),
       connections_(std::make_unique<Connections>()),
       connect_timer_(loop) {}
 
@@ -165,14 +186,16 @@ absl::Status Client::CallAndWait(const google::protobuf::MethodDescriptor& metho
 
 void Client::Connect() {
   if (connector_ != nullptr) return;
-  if (!target_.ok()) {
-    loop_.Post(lifetime_.Guard([this] { FailWaitingCalls(target_.status()); }));
+  if (!target_.ok() || !tls_.ok()) {
+    loop_.Post(lifetime_.Guard(
+        [this] { FailWaitingCalls(target_.ok() ? tls_.status() : target_.status()); }));
     return;
   }
-  connector_ = net::Connector::Connect(
-      loop_, *target_, [this](absl::StatusOr<std::unique_ptr<net::ByteStream>> stream) {
-        OnConnected(std::move(stream));
-      });
+  auto done = [this](absl::StatusOr<std::unique_ptr<net::ByteStream>> stream) {
+    OnConnected(std::move(stream));
+  };
+  connector_ = *tls_ == nullptr ? net::Connector::Connect(loop_, *target_, std::move(done))
+                                : net::ConnectTls(loop_, *target_, **tls_, std::move(done));
   connect_timer_.Start(options_.connect_timeout, [this] {
     OnConnected(absl::UnavailableError(
         absl::StrCat("cannot connect to ", target_->ToString(), ": nobody answers")));

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@
 #include "core/net/grpc_client_connection.h"
 #include "core/net/lifetime.h"
 #include "core/net/socket_stream.h"
+#include "core/net/tls_context.h"
 
 namespace varnic {
 
@@ -25,6 +27,8 @@ struct ClientOptions {
   // The largest message that a server may send; a larger one ends its call with RESOURCE_EXHAUSTED.
   std::size_t max_message_bytes = 4 << 20;
   absl::Duration connect_timeout = absl::Seconds(20);
+  // With it, the target is a TCP address that is served with TLS.
+  std::optional<net::TlsClientOptions> tls;
 };
 
 // Calls the services of one server, over one connection, which is made at the first call and again
@@ -37,8 +41,8 @@ class Client {
   using CallId = std::uint64_t;
   using Done = std::function<void(absl::Status)>;
 
-  // `target` is "unix:PATH" or "HOST:PORT"; what is wrong with it, every call says. The loop must
-  // outlive the client.
+  // `target` is "unix:PATH" or "HOST:PORT"; what is wrong with it, or with the files for TLS, every
+  // call says. The loop must outlive the client.
   Client(net::EventLoop& loop, const std::string& target, const ClientOptions& options = {});
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -76,6 +80,7 @@ class Client {
   net::EventLoop& loop_;
   const ClientOptions options_;
   const absl::StatusOr<net::Address> target_;
+  absl::StatusOr<std::unique_ptr<net::TlsClientContext>> tls_;  // Null without TLS.
   CallId last_call_id_ = 0;
   bool closing_ = false;
   absl::flat_hash_map<CallId, std::unique_ptr<UnaryCall>> calls_;

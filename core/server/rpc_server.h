@@ -2,18 +2,27 @@
 #define CORE_SERVER_RPC_SERVER_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "absl/container/flat_hash_map.h"
 #include "absl/status/statusor.h"
+#include "absl/time/time.h"
+#include "core/common/rpc/scheduler.h"
 #include "core/common/rpc/service.h"
 #include "core/net/event_loop.h"
 #include "core/net/grpc_server_connection.h"
 #include "core/net/socket_stream.h"
+#include "core/net/tls_context.h"
+#include "core/net/unix_admission.h"
+#include "core/server/loop_scheduler.h"
+#include "core/server/policy_file.h"
 #include "core/server/service_table.h"
+#include "core/server/stream_table.h"
 
 namespace varnic {
 
@@ -22,6 +31,16 @@ struct ServerOptions {
   std::size_t max_message_bytes = 4 << 20;
   // Calls that one connection may have open at a time; more wait at the client.
   uint32_t max_concurrent_streams = 1024;
+  // What one open stream of a client may make the host keep.
+  StreamLimits streams;
+};
+
+// How one address is served.
+struct ListenOptions {
+  // Who may connect to a Unix-domain socket: by default this process's own user.
+  net::UnixAdmission unix_admission;
+  // With it, a TCP address is served with TLS, and need not be a loopback address.
+  std::optional<net::TlsServerOptions> tls;
 };
 
 // Serves services over gRPC, on Unix-domain sockets and TCP.
@@ -36,7 +55,8 @@ struct ServerOptions {
 // belongs to the RPC thread, or to the thread that sets the server up before Run() and takes it
 // down after.
 //
-// The server serves unary methods. A call of a streaming method is answered with UNIMPLEMENTED.
+// What a client sends on a stream reaches the service's stream object only after a guard has looked
+// at it: nothing that a peer sends can stop the process (see docs/wire.md).
 class RpcServer : private net::GrpcServerConnection::Visitor {
  public:
   explicit RpcServer(const ServerOptions& options = {});
@@ -46,26 +66,45 @@ class RpcServer : private net::GrpcServerConnection::Visitor {
   // closures of such calls afterwards.
   ~RpcServer() override;
 
-  // `service` must live until the last Run() has returned. Fatal if a service of that name was
-  // added before.
+  // `service` must live until the last Run() has returned, which ends every call and every stream.
+  // Fatal if a service of that name was added before.
   void AddService(Service& service);
 
   // Listens on "unix:PATH" or "HOST:PORT" and returns the address with the port that it got. May be
   // called more than once. Connections are accepted as soon as the server runs.
-  absl::StatusOr<std::string> Listen(const std::string& address);
+  absl::StatusOr<std::string> Listen(const std::string& address, const ListenOptions& options = {});
 
-  // Serves until Stop().
+  // From now on a client may make only the calls that the policy in this file allows it; see
+  // AccessPolicy. An error names what is wrong in the file.
+  absl::Status UsePolicy(const std::string& path);
+
+  // Counts the connections that were not let in.
+  std::uint64_t refused_connections() const;
+  // Counts the calls that the policy did not allow.
+  std::uint64_t denied_calls() const { return policy_ == nullptr ? 0 : policy_->denied(); }
+
+  // Serves until Stop(); then closes all connections, which ends the calls and the streams on them.
   void Run();
   void Stop();
+
+  // Stops when what is going on has ended: takes no new connections and calls, ends every stream
+  // with UNAVAILABLE, lets calls finish, and stops when the last connection is done, or after
+  // `patience`. A second Drain() stops at once. RPC thread only.
+  void Drain(absl::Duration patience);
 
   // Runs `task` on the RPC thread, later: at the latest when the server is destroyed. Any thread,
   // at any time in the server's life.
   void Post(std::function<void()> task);
 
+  // For what the host keeps beside its streams, such as a CallbackCaller.
+  Scheduler& scheduler() { return scheduler_; }
+  const StreamTable& streams() const { return streams_; }
   // For timers, signals and clients that are to run on the RPC thread.
   net::EventLoop& loop() { return loop_; }
 
  private:
+  void StopListening();
+  void CloseConnections();
   void OnAccept(std::unique_ptr<net::ByteStream> stream);
   void OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& head) override;
   void OnConnectionClosed(net::GrpcServerConnection& connection,
@@ -73,10 +112,16 @@ class RpcServer : private net::GrpcServerConnection::Visitor {
 
   const ServerOptions options_;
   net::EventLoop loop_;
+  LoopScheduler scheduler_{loop_};
   ServiceTable services_;
+  StreamTable streams_;
   absl::flat_hash_map<const net::GrpcServerConnection*, std::unique_ptr<net::GrpcServerConnection>>
       connections_;
   std::vector<std::unique_ptr<net::Listener>> listeners_;
+  std::uint64_t formerly_refused_ = 0;  // By listeners that are gone.
+  std::unique_ptr<PolicyFile> policy_;  // Null while everybody who may connect may call.
+  bool draining_ = false;
+  net::Timer drain_timer_;
 };
 
 }  // namespace varnic

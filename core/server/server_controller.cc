@@ -6,6 +6,12 @@
 
 namespace varnic {
 
+ServerController::ServerController(absl::Time deadline, std::shared_ptr<const net::Peer> peer,
+                                   std::string role)
+    : deadline_(deadline),
+      peer_(peer != nullptr ? std::move(peer) : std::make_shared<const net::Peer>()),
+      role_(std::move(role)) {}
+
 ServerController::~ServerController() {
   if (on_cancel_ != nullptr) std::exchange(on_cancel_, nullptr)->Run();
 }

@@ -3,11 +3,13 @@
 
 #include <google/protobuf/service.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 
 #include "absl/status/status.h"
 #include "absl/time/time.h"
+#include "core/net/peer.h"
 
 namespace varnic {
 
@@ -18,7 +20,9 @@ namespace varnic {
 // Owned by the call; valid until the call's completion closure has run. RPC thread only.
 class ServerController final : public google::protobuf::RpcController {
  public:
-  explicit ServerController(absl::Time deadline = absl::InfiniteFuture()) : deadline_(deadline) {}
+  // Without a caller: for a call that came over no connection.
+  explicit ServerController(absl::Time deadline = absl::InfiniteFuture(),
+                            std::shared_ptr<const net::Peer> peer = nullptr, std::string role = "");
   // A closure that waits for a cancellation runs now, at the latest.
   ~ServerController() override;
 
@@ -34,6 +38,12 @@ class ServerController final : public google::protobuf::RpcController {
 
   // When the client stops waiting (its grpc-timeout).
   absl::Time deadline() const { return deadline_; }
+
+  // Who is calling, as far as the system or a certificate vouches for it. Valid as long as the
+  // controller, also when the connection has ended.
+  const net::Peer& peer() const { return *peer_; }
+  // The role in which the server's policy lets the peer make this call; empty without a policy.
+  const std::string& role() const { return role_; }
 
   // For the server: nobody waits for the answer any more. Runs the closure of NotifyOnCancel().
   void Cancel();
@@ -54,6 +64,8 @@ class ServerController final : public google::protobuf::RpcController {
 
  private:
   const absl::Time deadline_;
+  const std::shared_ptr<const net::Peer> peer_;  // Never null.
+  const std::string role_;
   absl::Status status_;
   bool canceled_ = false;
   google::protobuf::Closure* on_cancel_ = nullptr;

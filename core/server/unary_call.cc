@@ -10,12 +10,14 @@
 
 namespace varnic {
 
-void UnaryCall::Start(const ServiceTable::Method& method, net::GrpcServerCall& call) {
-  new UnaryCall(method, call);
+void UnaryCall::Start(const ServiceTable::Method& method, net::GrpcServerCall& call,
+                      std::string role) {
+  new UnaryCall(method, call, std::move(role));
 }
 
-UnaryCall::UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call)
-    : method_(method), call_(&call), controller_(call.deadline()) {
+UnaryCall::UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call,
+                     std::string role)
+    : method_(method), call_(&call), controller_(call.deadline(), call.peer(), std::move(role)) {
   call.Accept(*this);
 }
 

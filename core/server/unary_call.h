@@ -5,6 +5,7 @@
 #include <google/protobuf/service.h>
 
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "core/net/grpc_server_connection.h"
@@ -21,11 +22,12 @@ namespace varnic {
 // ends. A service that never runs a call's closure leaks the call. RPC thread only.
 class UnaryCall final : private net::GrpcServerCall::Visitor, private google::protobuf::Closure {
  public:
-  // Takes over `call`.
-  static void Start(const ServiceTable::Method& method, net::GrpcServerCall& call);
+  // Takes over `call`, which the peer makes in `role`.
+  static void Start(const ServiceTable::Method& method, net::GrpcServerCall& call,
+                    std::string role);
 
  private:
-  UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call);
+  UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call, std::string role);
   ~UnaryCall() override;
 
   void OnMessage(std::string_view message) override;

@@ -1,0 +1,108 @@
+#include "core/server/envelope_guard.h"
+
+#include "absl/strings/str_cat.h"
+#include "core/common/rpc/fatal.h"
+#include "rpc/event_subscription.pb.h"
+
+namespace varnic {
+namespace {
+
+using google::protobuf::Descriptor;
+using google::protobuf::FieldDescriptor;
+using google::protobuf::OneofDescriptor;
+
+// The members of the oneof that a client may set.
+constexpr int kSubscribe = 2;
+constexpr int kResponse = 4;
+
+bool AnswersQuestions(const Descriptor& type) {
+  const OneofDescriptor* kind = type.FindOneofByName("kind");
+  const FieldDescriptor* subscribe = type.FindFieldByNumber(kSubscribe);
+  const FieldDescriptor* response = type.FindFieldByNumber(kResponse);
+  return kind != nullptr && subscribe != nullptr && response != nullptr &&
+         subscribe->containing_oneof() == kind && response->containing_oneof() == kind &&
+         subscribe->cpp_type() == FieldDescriptor::CPPTYPE_BOOL;
+}
+
+// The field of that name, if it has the type that a stream's own message has it with.
+const FieldDescriptor* Field(const Descriptor& type, const char* name,
+                             FieldDescriptor::CppType cpp_type) {
+  const FieldDescriptor* field = type.FindFieldByName(name);
+  const bool fits = field != nullptr && !field->is_repeated() && field->cpp_type() == cpp_type;
+  return fits ? field : nullptr;
+}
+
+}  // namespace
+
+StreamKind KindOfStream(const google::protobuf::MethodDescriptor& method) {
+  if (!method.client_streaming() || !method.server_streaming()) return StreamKind::kNone;
+  if (method.input_type() == ::rpc::EventSubscription::descriptor()) return StreamKind::kEvents;
+  if (method.input_type() == method.output_type() && AnswersQuestions(*method.input_type())) {
+    return StreamKind::kCallbacks;
+  }
+  return StreamKind::kNone;
+}
+
+EnvelopeGuard::EnvelopeGuard(const google::protobuf::MethodDescriptor& method,
+                             const google::protobuf::Message& prototype)
+    : kind_(KindOfStream(method)),
+      type_(prototype.GetDescriptor()->full_name()),
+      message_(prototype.New()),
+      call_id_(Field(*prototype.GetDescriptor(), "call_id", FieldDescriptor::CPPTYPE_INT64)),
+      error_(Field(*prototype.GetDescriptor(), "error", FieldDescriptor::CPPTYPE_STRING)),
+      profile_id_(
+          Field(*prototype.GetDescriptor(), "profile_id", FieldDescriptor::CPPTYPE_MESSAGE)),
+      kind_oneof_(prototype.GetDescriptor()->FindOneofByName("kind")) {
+  VARNIC_CHECK(kind_ != StreamKind::kNone);
+}
+
+absl::Status EnvelopeGuard::Inspect(std::string_view payload, bool is_error, Content& content) {
+  if (!message_->ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
+    return absl::InvalidArgumentError(
+        absl::StrCat("A message on the stream is not a serialised ", type_));
+  }
+  if (kind_ == StreamKind::kCallbacks) return InspectCallbacks(is_error, content);
+  InspectEvents(content);
+  return absl::OkStatus();
+}
+
+void EnvelopeGuard::InspectEvents(Content& content) const {
+  const auto& subscription = static_cast<const ::rpc::EventSubscription&>(*message_);
+  content.is_subscription = true;
+  if (subscription.action() == ::rpc::EventSubscription::SUBSCRIBE) {
+    content.control = Content::Control::kSubscribe;
+  } else if (subscription.action() == ::rpc::EventSubscription::UNSUBSCRIBE) {
+    content.control = Content::Control::kUnsubscribe;
+  }
+  if (content.control != Content::Control::kNone) {
+    content.key = subscription.key().SerializeAsString();
+  }
+}
+
+absl::Status EnvelopeGuard::InspectCallbacks(bool is_error, Content& content) const {
+  const auto& reflection = *message_->GetReflection();
+  if (call_id_ != nullptr) content.call_id = reflection.GetInt64(*message_, call_id_);
+  if (error_ != nullptr) {
+    std::string scratch;
+    content.has_error = !reflection.GetStringReference(*message_, error_, &scratch).empty();
+  }
+  if (is_error || content.has_error) return absl::OkStatus();
+
+  const FieldDescriptor* member = reflection.GetOneofFieldDescriptor(*message_, kind_oneof_);
+  const int number = member == nullptr ? 0 : member->number();
+  if (number == kResponse) return absl::OkStatus();
+  if (number != kSubscribe) {
+    return absl::InvalidArgumentError(
+        absl::StrCat("A client may send `subscribe`, `response` or `error` in a ", type_, ", not ",
+                     member == nullptr ? "none of them" : absl::StrCat("`", member->name(), "`")));
+  }
+  content.is_subscription = true;
+  content.control = reflection.GetBool(*message_, member) ? Content::Control::kSubscribe
+                                                          : Content::Control::kUnsubscribe;
+  if (profile_id_ != nullptr) {
+    content.key = reflection.GetMessage(*message_, profile_id_).SerializeAsString();
+  }
+  return absl::OkStatus();
+}
+
+}  // namespace varnic

@@ -1,0 +1,148 @@
+#include "core/server/envelope_guard.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "rpc/profile/profile.rpc.h"
+
+namespace varnic {
+namespace {
+
+using Control = EnvelopeGuard::Content::Control;
+
+const google::protobuf::MethodDescriptor& Method(const std::string& name) {
+  return *rpc::ProfileRpc::descriptor()->FindMethodByName(name);
+}
+
+class CallbackGuardTest : public ::testing::Test {
+ protected:
+  absl::Status Inspect(const rpc::CanAccessFile& message, bool is_error = false) {
+    return InspectBytes(message.SerializeAsString(), is_error);
+  }
+  absl::Status InspectBytes(const std::string& payload, bool is_error = false) {
+    content_ = {};
+    return guard_.Inspect(payload, is_error, content_);
+  }
+
+  EnvelopeGuard guard_{Method("OnCanAccessFile"), rpc::CanAccessFile::default_instance()};
+  EnvelopeGuard::Content content_;
+};
+
+TEST(KindOfStreamTest, FollowsFromTheTypesOfTheMethod) {
+  EXPECT_EQ(KindOfStream(Method("WhenNetworkChanged")), StreamKind::kEvents);
+  EXPECT_EQ(KindOfStream(Method("OnCanAccessFile")), StreamKind::kCallbacks);
+  EXPECT_EQ(KindOfStream(Method("OnAuthenticate")), StreamKind::kCallbacks);
+  EXPECT_EQ(KindOfStream(Method("Path")), StreamKind::kNone);
+}
+
+TEST_F(CallbackGuardTest, AnswerPassesWithItsCallId) {
+  rpc::CanAccessFile answer;
+  answer.mutable_response()->set_allow(true);
+  answer.set_call_id(-3);
+
+  EXPECT_TRUE(Inspect(answer).ok());
+  EXPECT_EQ(content_.call_id, -3);
+  EXPECT_FALSE(content_.has_error);
+  EXPECT_FALSE(content_.is_subscription);
+}
+
+TEST_F(CallbackGuardTest, ControlPassesWithItsKey) {
+  rpc::CanAccessFile control;
+  control.mutable_profile_id()->set_value("P");
+  control.set_subscribe(true);
+
+  EXPECT_TRUE(Inspect(control).ok());
+  EXPECT_EQ(content_.control, Control::kSubscribe);
+  EXPECT_EQ(content_.key, control.profile_id().SerializeAsString());
+  EXPECT_TRUE(content_.is_subscription);
+
+  control.set_subscribe(false);
+  EXPECT_TRUE(Inspect(control).ok());
+  EXPECT_EQ(content_.control, Control::kUnsubscribe);
+}
+
+TEST_F(CallbackGuardTest, AbsentKeyAndEmptyKeyAreTheSame) {
+  rpc::CanAccessFile control;
+  control.set_subscribe(true);
+  ASSERT_TRUE(Inspect(control).ok());
+  const std::string absent = content_.key;
+  control.mutable_profile_id();
+
+  ASSERT_TRUE(Inspect(control).ok());
+  EXPECT_EQ(content_.key, absent);
+}
+
+TEST_F(CallbackGuardTest, EmptyMessageIsRefused) {
+  EXPECT_EQ(InspectBytes(""),
+            absl::InvalidArgumentError("A client may send `subscribe`, `response` or `error` in a "
+                                       "rpc.CanAccessFile, not none of them"));
+}
+
+TEST_F(CallbackGuardTest, RequestOfTheHostIsRefusedFromAClient) {
+  rpc::CanAccessFile request;
+  request.mutable_request()->set_path("/");
+
+  EXPECT_EQ(Inspect(request),
+            absl::InvalidArgumentError("A client may send `subscribe`, `response` or `error` in a "
+                                       "rpc.CanAccessFile, not `request`"));
+}
+
+TEST_F(CallbackGuardTest, BytesThatDoNotParseAreRefused) {
+  const absl::Status refusal =
+      absl::InvalidArgumentError("A message on the stream is not a serialised rpc.CanAccessFile");
+
+  EXPECT_EQ(InspectBytes("\xff\xff"), refusal);
+  // A tag that promises more than comes; a string that is not UTF-8; an answer cut short.
+  EXPECT_EQ(InspectBytes("\x22\x7f"), refusal);
+  EXPECT_EQ(InspectBytes("\x32\x01\xff"), refusal);
+  EXPECT_EQ(InspectBytes("\x10\x01\x22", /*is_error=*/true), refusal);
+}
+
+TEST_F(CallbackGuardTest, LastMemberOfTheOneofCounts) {
+  rpc::CanAccessFile answer;
+  answer.mutable_response();
+  rpc::CanAccessFile request;
+  request.mutable_request();
+
+  EXPECT_TRUE(InspectBytes(request.SerializeAsString() + answer.SerializeAsString()).ok());
+  EXPECT_FALSE(InspectBytes(answer.SerializeAsString() + request.SerializeAsString()).ok());
+}
+
+TEST_F(CallbackGuardTest, ErrorMayHaveAnyContent) {
+  rpc::CanAccessFile error;
+  error.set_error("no such page");
+  EXPECT_TRUE(Inspect(error).ok());
+  EXPECT_TRUE(content_.has_error);
+
+  EXPECT_TRUE(InspectBytes("", /*is_error=*/true).ok());
+  EXPECT_FALSE(content_.is_subscription);
+}
+
+TEST(EventGuardTest, EveryMessageCountsAndActionsAreTold) {
+  EnvelopeGuard guard(Method("WhenNetworkChanged"), rpc::EventSubscription::default_instance());
+  rpc::EventSubscription subscription;
+  subscription.mutable_key()->set_value("P");
+  for (const auto& [action, control] :
+       {std::pair(0, Control::kNone), std::pair(1, Control::kSubscribe),
+        std::pair(2, Control::kUnsubscribe), std::pair(3, Control::kNone)}) {
+    subscription.set_action(static_cast<rpc::EventSubscription::Action>(action));
+    EnvelopeGuard::Content content;
+
+    EXPECT_TRUE(guard.Inspect(subscription.SerializeAsString(), false, content).ok());
+    EXPECT_EQ(content.control, control);
+    EXPECT_TRUE(content.is_subscription);
+  }
+}
+
+TEST(EventGuardTest, BytesThatDoNotParseAreRefused) {
+  EnvelopeGuard guard(Method("WhenNetworkChanged"), rpc::EventSubscription::default_instance());
+  EnvelopeGuard::Content content;
+
+  EXPECT_EQ(guard.Inspect("\x0a\x05", false, content),
+            absl::InvalidArgumentError(
+                "A message on the stream is not a serialised rpc.EventSubscription"));
+}
+
+}  // namespace
+}  // namespace varnic

@@ -1,0 +1,184 @@
+#include "core/server/server_stream.h"
+
+#include <utility>
+
+#include "core/common/rpc/fatal.h"
+#include "rpc/transport/stream_message.pb.h"
+
+namespace varnic {
+
+// The transport's end of the stream's channel; owned by the channel, inside the stream object.
+class ServerStream::ChannelEnd : public StreamChannel::Transport {
+ public:
+  explicit ChannelEnd(ServerStream& stream) : stream_(stream) {}
+  ~ChannelEnd() override { stream_.OnChannelDropped(); }
+
+  bool Send(const ::rpc::transport::StreamMessage& envelope) override {
+    return stream_.Send(envelope);
+  }
+  bool SendEvent(const SharedEvent& event) override { return stream_.SendEvent(event); }
+  void Complete() override { stream_.Complete(); }
+  bool IsPeerPresent() const override { return stream_.call_ != nullptr && !stream_.ending_; }
+
+ private:
+  ServerStream& stream_;
+};
+
+// An operation of the stream object, while it is on the stack. What ends the stream meanwhile takes
+// effect when the last one has returned.
+class ServerStream::Operation {
+ public:
+  explicit Operation(ServerStream& stream) : stream_(stream) { ++stream_.operations_; }
+  ~Operation() {
+    if (--stream_.operations_ == 0 && stream_.ending_) stream_.DeliverCompleted();
+  }
+
+ private:
+  ServerStream& stream_;
+};
+
+ServerStream::ServerStream(net::EventLoop& loop, const ServiceTable::Method& method,
+                           EnvelopeGuard& guard, StreamFraming framing, const StreamLimits& limits,
+                           net::GrpcServerCall& call, Owner& owner)
+    : loop_(loop),
+      method_(method),
+      guard_(guard),
+      framing_(framing),
+      call_id_field_(CallIdField(*method.descriptor->output_type())),
+      owner_(owner),
+      call_(&call),
+      bounds_(limits.subscriptions),
+      outbound_(limits.outbound) {
+  call.Accept(*this);
+  call.SendHeaders();
+  stream_.reset(method.service->OpenStream(method.descriptor,
+                                           StreamChannel(std::make_unique<ChannelEnd>(*this))));
+}
+
+ServerStream::~ServerStream() {
+  VARNIC_CHECK(completed_);
+}
+
+void ServerStream::OnMessage(std::string_view message) {
+  if (ending_) return;
+  ::rpc::transport::StreamMessage envelope;
+  bool is_error = false;
+  const absl::Status status = Decode(message, envelope, is_error);
+  if (!status.ok()) return End(status);
+  const Operation operation(*this);
+  if (is_error) {
+    stream_->OnError(&envelope);
+  } else {
+    stream_->OnNext(&envelope);
+  }
+}
+
+absl::Status ServerStream::Decode(std::string_view message,
+                                  ::rpc::transport::StreamMessage& envelope, bool& is_error) {
+  if (framing_ == StreamFraming::kEnvelope) {
+    if (!envelope.ParseFromArray(message.data(), static_cast<int>(message.size()))) {
+      return absl::InvalidArgumentError(
+          "A message on the stream is not a serialised rpc.transport.StreamMessage");
+    }
+    is_error = envelope.kind() == ::rpc::transport::StreamMessage::ERROR;
+  } else {
+    envelope.set_payload(message.data(), message.size());
+  }
+  EnvelopeGuard::Content content;
+  const absl::Status status = guard_.Inspect(envelope.payload(), is_error, content);
+  if (!status.ok()) return status;
+  if (framing_ == StreamFraming::kTyped) envelope.set_call_id(content.call_id);
+  is_error = is_error || content.has_error;
+  return CheckBounds(content);
+}
+
+absl::Status ServerStream::CheckBounds(const EnvelopeGuard::Content& content) {
+  using Control = EnvelopeGuard::Content::Control;
+  if (content.is_subscription) {
+    if (absl::Status status = bounds_.OnMessage(); !status.ok()) return status;
+  }
+  if (content.control == Control::kSubscribe) return bounds_.OnSubscribe(content.key);
+  if (content.control == Control::kUnsubscribe) bounds_.OnUnsubscribe(content.key);
+  return absl::OkStatus();
+}
+
+void ServerStream::OnHalfClose() {
+  End(absl::OkStatus());
+}
+
+void ServerStream::OnCancelled() {
+  call_ = nullptr;
+  End(absl::OkStatus());
+}
+
+void ServerStream::OnRoom() {
+  SendWaiting();
+}
+
+bool ServerStream::Send(const ::rpc::transport::StreamMessage& envelope) {
+  if (call_ == nullptr || ending_) return false;
+  return Accept(outbound_.Push({FrameEnvelope(framing_, envelope, call_id_field_), nullptr}));
+}
+
+bool ServerStream::SendEvent(const SharedEvent& event) {
+  if (call_ == nullptr || ending_) return false;
+  return Accept(outbound_.PushEvent(
+      {FrameEventPrefix(framing_, event.payload().size()), event.shared_payload()},
+      event.conflation_key()));
+}
+
+bool ServerStream::Accept(OutboundQueue::Outcome outcome) {
+  if (outcome == OutboundQueue::Outcome::kOverflow) {
+    // A status behind what waits would wait as well; clients make RESOURCE_EXHAUSTED of this reset.
+    std::exchange(call_, nullptr)->Reset(net::Http2Error::kEnhanceYourCalm);
+    owner_.OnSlowReader();
+    EndLater(absl::OkStatus());
+    return false;
+  }
+  if (outcome == OutboundQueue::Outcome::kConflated) owner_.OnEventConflated();
+  SendWaiting();
+  return true;
+}
+
+void ServerStream::SendWaiting() {
+  while (call_ != nullptr && !outbound_.empty() && call_->HasRoom()) {
+    OutboundMessage message = outbound_.Pop();
+    call_->Send(std::move(message.head), std::move(message.shared));
+  }
+}
+
+void ServerStream::Complete() {
+  // What was sent before the end is sent, however slow the reader: it is bounded.
+  while (call_ != nullptr && final_status_.ok() && !outbound_.empty()) {
+    OutboundMessage message = outbound_.Pop();
+    call_->Send(std::move(message.head), std::move(message.shared));
+  }
+  if (call_ != nullptr) std::exchange(call_, nullptr)->Finish(final_status_);
+}
+
+void ServerStream::OnChannelDropped() {
+  if (call_ == nullptr) return;
+  std::exchange(call_, nullptr)->Finish(absl::CancelledError("The host has dropped the stream"));
+}
+
+void ServerStream::End(const absl::Status& status) {
+  if (!std::exchange(ending_, true)) final_status_ = status;
+  if (operations_ == 0) DeliverCompleted();
+}
+
+void ServerStream::EndLater(const absl::Status& status) {
+  if (std::exchange(ending_, true)) return;
+  final_status_ = status;
+  loop_.Post(lifetime_.Guard([this] {
+    if (operations_ == 0) DeliverCompleted();
+  }));
+}
+
+void ServerStream::DeliverCompleted() {
+  if (std::exchange(completed_, true)) return;
+  stream_->OnCompleted();
+  stream_ = nullptr;
+  owner_.OnStreamEnded(*this);
+}
+
+}  // namespace varnic

@@ -1,0 +1,46 @@
+#ifndef CORE_SERVER_STREAM_FRAMING_H_
+#define CORE_SERVER_STREAM_FRAMING_H_
+
+#include <google/protobuf/descriptor.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "absl/status/status.h"
+#include "rpc/transport/stream_message.pb.h"
+
+namespace varnic {
+
+// How the messages of a stream stand on the wire. A client chooses with a request header; the
+// stream object sees envelopes either way.
+enum class StreamFraming {
+  // The method's own type, as a stub of any language sends it. What an envelope adds stands in
+  // fields
+  // of the type: `call_id`, and `error` for an error.
+  kTyped,
+  // rpc.transport.StreamMessage.
+  kEnvelope,
+};
+
+// The request header by which a client chooses, and its value for the second one; without it, or
+// with any other value, the stream is typed.
+inline constexpr std::string_view kFramingHeader = "varnic-framing";
+inline constexpr std::string_view kEnvelopeFraming = "envelope";
+
+// The number of the field in which a typed message of the host carries its call id; 0 if it has
+// none.
+int CallIdField(const google::protobuf::Descriptor& type);
+
+// One gRPC message with its prefix, as an envelope of the host goes out. `call_id_field`: see
+// above.
+std::string FrameEnvelope(StreamFraming framing, const ::rpc::transport::StreamMessage& envelope,
+                          int call_id_field);
+
+// What goes out before the payload of an event, so that the payload itself can be shared by all of
+// its subscribers.
+std::string FrameEventPrefix(StreamFraming framing, std::size_t payload_size);
+
+}  // namespace varnic
+
+#endif  // CORE_SERVER_STREAM_FRAMING_H_

@@ -1,0 +1,26 @@
+#include "core/server/subscription_bounds.h"
+
+#include "absl/strings/str_cat.h"
+
+namespace varnic {
+
+absl::Status SubscriptionBounds::OnMessage() {
+  if (++messages_ <= limits_.max_messages) return absl::OkStatus();
+  return absl::ResourceExhaustedError(
+      absl::StrCat("More than ", limits_.max_messages, " subscription messages on one stream"));
+}
+
+absl::Status SubscriptionBounds::OnSubscribe(const std::string& key) {
+  if (keys_.size() >= limits_.max_subscriptions && !keys_.contains(key)) {
+    return absl::ResourceExhaustedError(
+        absl::StrCat("More than ", limits_.max_subscriptions, " subscriptions on one stream"));
+  }
+  keys_.insert(key);
+  return absl::OkStatus();
+}
+
+void SubscriptionBounds::OnUnsubscribe(const std::string& key) {
+  keys_.erase(key);
+}
+
+}  // namespace varnic

@@ -1,0 +1,52 @@
+#include "core/server/subscription_bounds.h"
+
+#include <gtest/gtest.h>
+
+namespace varnic {
+namespace {
+
+SubscriptionLimits Limits() {
+  SubscriptionLimits limits;
+  limits.max_subscriptions = 2;
+  limits.max_messages = 3;
+  return limits;
+}
+
+TEST(SubscriptionBoundsTest, SubscriptionsArePossibleUpToTheLimit) {
+  SubscriptionBounds bounds(Limits());
+
+  EXPECT_TRUE(bounds.OnSubscribe("a").ok());
+  EXPECT_TRUE(bounds.OnSubscribe("b").ok());
+  EXPECT_EQ(bounds.OnSubscribe("c"),
+            absl::ResourceExhaustedError("More than 2 subscriptions on one stream"));
+}
+
+TEST(SubscriptionBoundsTest, SubscribingAgainToAKeyCostsNothing) {
+  SubscriptionBounds bounds(Limits());
+  ASSERT_TRUE(bounds.OnSubscribe("a").ok());
+  ASSERT_TRUE(bounds.OnSubscribe("b").ok());
+
+  EXPECT_TRUE(bounds.OnSubscribe("a").ok());
+  EXPECT_EQ(bounds.subscriptions(), 2U);
+}
+
+TEST(SubscriptionBoundsTest, UnsubscribingMakesRoom) {
+  SubscriptionBounds bounds(Limits());
+  ASSERT_TRUE(bounds.OnSubscribe("a").ok());
+  ASSERT_TRUE(bounds.OnSubscribe("b").ok());
+  bounds.OnUnsubscribe("a");
+  bounds.OnUnsubscribe("never subscribed");
+
+  EXPECT_TRUE(bounds.OnSubscribe("c").ok());
+}
+
+TEST(SubscriptionBoundsTest, MessagesAreCountedOverTheLifeOfTheStream) {
+  SubscriptionBounds bounds(Limits());
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(bounds.OnMessage().ok());
+
+  EXPECT_EQ(bounds.OnMessage(),
+            absl::ResourceExhaustedError("More than 3 subscription messages on one stream"));
+}
+
+}  // namespace
+}  // namespace varnic
