@@ -12,6 +12,16 @@ std::string CommandLine::Get(const std::string& name, const std::string& fallbac
   return found == options.end() ? fallback : found->second.back();
 }
 
+std::string CommandLine::Quote(const std::vector<std::string>& names) const {
+  std::string text;
+  for (const std::string& name : names) {
+    if (!Has(name)) continue;
+    const std::string value = Get(name, "");
+    absl::StrAppend(&text, text.empty() ? "--" : " --", name, value.empty() ? "" : " ", value);
+  }
+  return text;
+}
+
 absl::StatusOr<CommandLine> ParseCommandLine(const std::vector<std::string>& arguments,
                                              const std::vector<OptionSpec>& specs) {
   std::vector<option> long_options;

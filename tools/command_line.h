@@ -20,6 +20,8 @@ struct CommandLine {
   bool Has(const std::string& name) const { return options.count(name) != 0; }
   // The last value given, or `fallback`.
   std::string Get(const std::string& name, const std::string& fallback) const;
+  // Those of the named options that were given, as in "--tls-cert a.pem --tls-key a.key".
+  std::string Quote(const std::vector<std::string>& names) const;
 };
 
 struct OptionSpec {

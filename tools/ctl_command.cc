@@ -159,11 +159,34 @@ std::string FormatField(const Message& message, const FieldDescriptor& field) {
   return text;
 }
 
+absl::Status ReadTls(const CommandLine& line, CtlCommand& command) {
+  command.tls_flags = line.Quote({"tls-ca", "tls-cert", "tls-key", "tls-server-name"});
+  if (command.tls_flags.empty()) return absl::OkStatus();
+  if (line.Has("tls-cert") != line.Has("tls-key")) {
+    return absl::InvalidArgumentError(absl::StrCat(line.Quote({"tls-cert", "tls-key"}),
+                                                   ": --tls-cert and --tls-key go together"));
+  }
+  if (command.default_target) {
+    return absl::InvalidArgumentError(
+        absl::StrCat(command.tls_flags, ": TLS needs --target HOST:PORT too"));
+  }
+  command.tls.emplace();
+  command.tls->ca_file = line.Get("tls-ca", "");
+  command.tls->certificate_file = line.Get("tls-cert", "");
+  command.tls->key_file = line.Get("tls-key", "");
+  command.tls->server_name = line.Get("tls-server-name", "");
+  return absl::OkStatus();
+}
+
 }  // namespace
 
 absl::StatusOr<CtlCommand> ParseCtlCommand(const std::vector<std::string>& arguments,
                                            const Environment& environment) {
   const absl::StatusOr<CommandLine> line = ParseCommandLine(arguments, {{"target", true},
+                                                                        {"tls-ca", true},
+                                                                        {"tls-cert", true},
+                                                                        {"tls-key", true},
+                                                                        {"tls-server-name", true},
                                                                         {"timeout", true},
                                                                         {"json", false},
                                                                         {"help", false},
@@ -182,6 +205,7 @@ absl::StatusOr<CtlCommand> ParseCtlCommand(const std::vector<std::string>& argum
   command.json = line->Has("json");
   command.default_target = !line->Has("target");
   command.target = line->Get("target", DefaultAddress(environment));
+  if (absl::Status status = ReadTls(*line, command); !status.ok()) return status;
   double timeout_seconds = absl::ToDoubleSeconds(kDefaultTimeout);
   if (line->Has("timeout") &&
       (!absl::SimpleAtod(line->Get("timeout", ""), &timeout_seconds) || !(timeout_seconds > 0))) {
@@ -227,6 +251,13 @@ profile.
   --target ADDRESS               the host: unix:PATH or HOST:PORT
                                  Default: )",
                       DefaultAddress(environment), R"(
+  --tls-ca FILE                  connect with TLS to a host with a certificate of
+                                 these roots, in PEM form. Default, if another
+                                 option for TLS is given: the system's roots
+  --tls-cert FILE                this client's certificate, in PEM form
+  --tls-key FILE                 its private key
+  --tls-server-name NAME         the name in the host's certificate.
+                                 Default: the host in ADDRESS
   --timeout SECONDS              how long to wait for an answer. Default: )",
                       absl::ToInt64Seconds(kDefaultTimeout), R"(
   --json                         print answers and errors as JSON, a line each

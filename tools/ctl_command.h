@@ -5,12 +5,14 @@
 #include <google/protobuf/message.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
 #include "absl/time/time.h"
+#include "core/net/tls_context.h"
 #include "tools/default_paths.h"
 
 namespace varnic::tools {
@@ -26,6 +28,9 @@ struct CtlCommand {
   bool json = false;
   std::string target;
   bool default_target = false;
+  // Set by any option for TLS; and what the user wrote of it.
+  std::optional<net::TlsClientOptions> tls;
+  std::string tls_flags;
   absl::Duration timeout = absl::InfiniteDuration();
   // As the user wrote it: "get-user-agent".
   std::string name;

@@ -1,10 +1,88 @@
 #include "tools/host_options.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "absl/strings/str_cat.h"
 #include "core/host/user_agent.h"
+#include "core/net/address.h"
+#include "tools/accounts.h"
 #include "tools/command_line.h"
 
 namespace varnic::tools {
+
+namespace {
+
+absl::Status Failure(const CommandLine& line, const std::string& option, const std::string& why) {
+  return absl::InvalidArgumentError(absl::StrCat(line.Quote({option}), ": ", why));
+}
+
+bool AnyIs(net::Address::Kind kind, const std::vector<std::string>& addresses) {
+  return std::any_of(addresses.begin(), addresses.end(), [kind](const std::string& text) {
+    const absl::StatusOr<net::Address> address = net::Address::Parse(text);
+    return address.ok() && address->kind == kind;
+  });
+}
+
+// Appends the accounts that `option` names, which `find` looks up.
+template <class Id>
+absl::Status ReadAccounts(const CommandLine& line, const std::string& option,
+                          absl::StatusOr<Id> (*find)(const std::string&), std::vector<Id>& ids) {
+  if (!line.Has(option)) return absl::OkStatus();
+  for (const std::string& text : line.options.at(option)) {
+    const absl::StatusOr<Id> id = find(text);
+    if (!id.ok()) {
+      return absl::InvalidArgumentError(
+          absl::StrCat("--", option, " ", text, ": ", id.status().message()));
+    }
+    ids.push_back(*id);
+  }
+  return absl::OkStatus();
+}
+
+absl::Status ReadAdmission(const CommandLine& line, HostOptions& options) {
+  net::UnixAdmission& admission = options.unix_admission;
+  absl::Status status = ReadAccounts(line, "allow-user", FindUser, admission.users);
+  if (status.ok()) status = ReadAccounts(line, "allow-group", FindGroup, admission.groups);
+  if (!status.ok()) return status;
+  for (const char* option : {"allow-user", "allow-group"}) {
+    if (!line.Has(option)) continue;
+    if (options.default_listen) {
+      return Failure(line, option,
+                     "the default socket is in a folder that no other user can enter; name another "
+                     "one with --listen unix:PATH");
+    }
+    if (!AnyIs(net::Address::Kind::kUnix, options.listen)) {
+      return Failure(line, option, "is for Unix-domain sockets, and --listen names none");
+    }
+  }
+  return absl::OkStatus();
+}
+
+absl::Status ReadTls(const CommandLine& line, HostOptions& options) {
+  const std::pair<const char*, const char*> needs[] = {{"tls-cert", "tls-key"},
+                                                       {"tls-key", "tls-cert"},
+                                                       {"tls-client-ca", "tls-cert"},
+                                                       {"tls-crl", "tls-client-ca"}};
+  for (const auto& [option, other] : needs) {
+    if (line.Has(option) && !line.Has(other)) {
+      return Failure(line, option, absl::StrCat("needs --", other, " too"));
+    }
+  }
+  if (!line.Has("tls-cert")) return absl::OkStatus();
+  if (!AnyIs(net::Address::Kind::kTcp, options.listen)) {
+    return Failure(line, "tls-cert", "is for TCP, and --listen names no HOST:PORT");
+  }
+  options.tls.emplace();
+  options.tls->certificate_file = line.Get("tls-cert", "");
+  options.tls->key_file = line.Get("tls-key", "");
+  options.tls->client_ca_file = line.Get("tls-client-ca", "");
+  options.tls->crl_file = line.Get("tls-crl", "");
+  options.tls_flags = line.Quote({"tls-cert", "tls-key", "tls-client-ca", "tls-crl"});
+  return absl::OkStatus();
+}
+
+}  // namespace
 
 absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arguments,
                                              const Environment& environment) {
@@ -12,6 +90,13 @@ absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arg
                                                                         {"user-data-dir", true},
                                                                         {"user-agent", true},
                                                                         {"browser", true},
+                                                                        {"allow-user", true},
+                                                                        {"allow-group", true},
+                                                                        {"tls-cert", true},
+                                                                        {"tls-key", true},
+                                                                        {"tls-client-ca", true},
+                                                                        {"tls-crl", true},
+                                                                        {"policy", true},
                                                                         {"help", false},
                                                                         {"version", false}});
   if (!line.ok()) return line.status();
@@ -25,6 +110,15 @@ absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arg
   options.default_listen = !line->Has("listen");
   options.listen = options.default_listen ? std::vector<std::string>{DefaultAddress(environment)}
                                           : line->options.at("listen");
+  for (const char* option : {"tls-cert", "tls-key", "tls-client-ca", "tls-crl", "policy"}) {
+    if (line->Has(option) && line->Get(option, "").empty()) {
+      return Failure(*line, option, "needs the path of a file");
+    }
+  }
+  options.policy = line->Get("policy", "");
+  absl::Status status = ReadAdmission(*line, options);
+  if (status.ok()) status = ReadTls(*line, options);
+  if (!status.ok()) return status;
   options.default_user_data_dir = !line->Has("user-data-dir");
   options.user_data_dir = line->Get("user-data-dir", DefaultUserDataFolder(environment));
   options.profiles.browser = line->Get("browser", "");
@@ -47,8 +141,8 @@ std::string HostHelp(const Environment& environment) {
 Serves the profiles of a Chromium user-data directory to gRPC clients.
 
   --listen ADDRESS       where clients connect: unix:PATH, or HOST:PORT on a
-                         loopback address (port 0: any free one). May be given
-                         more than once.
+                         loopback address (port 0: any free one); with TLS, on
+                         any address. May be given more than once.
                          Default: )",
       DefaultAddress(environment), R"(
   --user-data-dir DIR    an existing user-data directory.
@@ -59,6 +153,18 @@ Serves the profiles of a Chromium user-data directory to gRPC clients.
                          Default: that of the installed browser.
   --browser PROGRAM      the browser to ask for its version.
                          Default: the system's chromium.
+  --allow-user USER      let this user, by name or number, connect to a
+                         Unix-domain socket, too. May be given more than once.
+                         Default: only the user that the host runs as.
+  --allow-group GROUP    let the members of this group do so
+  --tls-cert FILE        serve HOST:PORT with TLS: the certificate, and what
+                         leads from it to a root, in PEM form
+  --tls-key FILE         its private key
+  --tls-client-ca FILE   require clients to have a certificate of these roots
+  --tls-crl FILE         and none that is on these revocation lists
+  --policy FILE          which clients may call which methods, in JSON; see
+                         docs/security.md. Default: all who may connect, all.
+                         Files that change are read again by themselves.
   --help                 print this text
   --version              print the version
 

@@ -1,11 +1,14 @@
 #ifndef TOOLS_HOST_OPTIONS_H_
 #define TOOLS_HOST_OPTIONS_H_
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "absl/status/statusor.h"
 #include "core/host/profile_host.h"
+#include "core/net/tls_context.h"
+#include "core/net/unix_admission.h"
 #include "tools/default_paths.h"
 
 namespace varnic::tools {
@@ -21,6 +24,13 @@ struct HostOptions {
   // A directory that nobody named is made if it is missing.
   bool default_user_data_dir = false;
   host::ProfileHostOptions profiles;
+  // For the Unix-domain sockets.
+  net::UnixAdmission unix_admission;
+  // For the TCP addresses, and what the user wrote of it.
+  std::optional<net::TlsServerOptions> tls;
+  std::string tls_flags;
+  // None if empty.
+  std::string policy;
 };
 
 // INVALID_ARGUMENT names the option that is wrong. `arguments` are without the program's name.

@@ -11,7 +11,9 @@
 #include "absl/strings/str_cat.h"
 #include "core/host/profile_host.h"
 #include "core/host/user_data_dir.h"
+#include "core/net/address.h"
 #include "core/net/event_loop.h"
+#include "core/net/tls_context.h"
 #include "core/server/rpc_server.h"
 #include "tools/ctl_location.h"
 #include "tools/default_paths.h"
@@ -20,6 +22,9 @@
 
 namespace varnic::tools {
 namespace {
+
+// How long calls may go on after the signal to stop.
+constexpr absl::Duration kPatience = absl::Seconds(10);
 
 enum ExitCode { kStopped = 0, kCannotServe = 1, kUsage = 2 };
 
@@ -47,7 +52,42 @@ void Announce(const HostOptions& options, const std::vector<std::string>& addres
   std::fflush(stdout);
 }
 
+// Tells a person of a door that stands open.
+void WarnOfStrangers(const HostOptions& options, const net::Address& address) {
+  if (address.IsLoopback() || !options.tls->client_ca_file.empty() || !options.policy.empty()) {
+    return;
+  }
+  std::fprintf(stderr,
+               "varnic-host: warning: whoever can reach %s may call every method; "
+               "--tls-client-ca or --policy would keep strangers out\n",
+               address.ToString().c_str());
+}
+
+absl::StatusOr<std::string> Listen(RpcServer& server, const HostOptions& options,
+                                   const std::string& text) {
+  ListenOptions listen_options;
+  listen_options.unix_admission = options.unix_admission;
+  const absl::StatusOr<net::Address> address = net::Address::Parse(text);
+  if (address.ok() && address->kind == net::Address::Kind::kTcp && options.tls.has_value()) {
+    WarnOfStrangers(options, *address);
+    listen_options.tls = options.tls;
+  }
+  return server.Listen(text, listen_options);
+}
+
+// What is wrong with the files that say who may come in, with the options that named them.
+absl::Status CheckTls(const HostOptions& options) {
+  if (!options.tls.has_value()) return absl::OkStatus();
+  const auto context = net::TlsServerContext::Create(*options.tls);
+  if (context.ok()) return absl::OkStatus();
+  return absl::FailedPreconditionError(
+      absl::StrCat(options.tls_flags, ": ", context.status().message()));
+}
+
 int Serve(const HostOptions& options) {
+  if (const absl::Status status = CheckTls(options); !status.ok()) {
+    return Fail(kCannotServe, Text(status));
+  }
   absl::StatusOr<host::UserDataDir> directory = OpenUserData(options);
   if (!directory.ok()) {
     return Fail(kCannotServe, absl::StrCat("--user-data-dir: ", Text(directory.status())));
@@ -59,18 +99,24 @@ int Serve(const HostOptions& options) {
 
   // The server is destroyed last: it runs the closures of the calls that the host ends.
   RpcServer server;
-  host::ProfileHost profiles(*std::move(directory), options.profiles,
-                             [&server](std::function<void()> task) { server.Post(std::move(task)); });
+  host::ProfileHost profiles(
+      *std::move(directory), options.profiles,
+      [&server](std::function<void()> task) { server.Post(std::move(task)); });
   server.AddService(profiles);
+  if (!options.policy.empty()) {
+    const absl::Status status = server.UsePolicy(options.policy);
+    if (!status.ok()) return Fail(kCannotServe, absl::StrCat("--policy ", Text(status)));
+  }
   std::vector<std::string> addresses;
   for (const std::string& listen : options.listen) {
-    absl::StatusOr<std::string> address = server.Listen(listen);
+    absl::StatusOr<std::string> address = Listen(server, options, listen);
     if (!address.ok()) {
       return Fail(kCannotServe, absl::StrCat("--listen: ", Text(address.status())));
     }
     addresses.push_back(*std::move(address));
   }
-  const net::StopSignals signals(server.loop(), [&server](int /*signal*/) { server.Stop(); });
+  const net::StopSignals signals(server.loop(),
+                                 [&server](int /*signal*/) { server.Drain(kPatience); });
   Announce(options, addresses);
   server.Run();
   return kStopped;

@@ -9,6 +9,7 @@
 #include "absl/strings/str_cat.h"
 #include "core/client/client.h"
 #include "core/net/event_loop.h"
+#include "core/net/tls_context.h"
 #include "tools/ctl_command.h"
 #include "tools/default_paths.h"
 #include "tools/version.h"
@@ -30,11 +31,25 @@ absl::Status Call(const CtlCommand& command, google::protobuf::Message& answer) 
     if (!status.ok()) return status;
   }
   net::EventLoop loop;
-  Client client(loop, command.target);
+  ClientOptions options;
+  options.tls = command.tls;
+  Client client(loop, command.target, options);
   return client.CallAndWait(*command.method, *command.request, answer, command.timeout);
 }
 
+// What is wrong with the files for TLS, with the options that named them; empty if nothing is.
+std::string ProblemOfTls(const CtlCommand& command) {
+  if (!command.tls.has_value()) return "";
+  const auto context = net::TlsClientContext::Create(*command.tls);
+  if (context.ok()) return "";
+  return absl::StrCat(command.tls_flags, ": ", context.status().message());
+}
+
 int Execute(const CtlCommand& command) {
+  if (const std::string problem = ProblemOfTls(command); !problem.empty()) {
+    PrintError(absl::StrCat("varnicctl: ", problem, "\n"));
+    return kCtlUsage;
+  }
   const std::unique_ptr<google::protobuf::Message> answer(
       google::protobuf::MessageFactory::generated_factory()
           ->GetPrototype(command.method->output_type())
