@@ -4,19 +4,10 @@
 
 #include <string>
 
-#include "rpc/profile/profile.rpc.h"
+#include "bench/echo_host.h"
 
 namespace varnic {
 namespace {
-
-class Host : public rpc::ProfileRpc {
- public:
-  void Name(google::protobuf::RpcController* /*controller*/, const ProfileId* request,
-            google::protobuf::StringValue* response, google::protobuf::Closure* done) override {
-    response->set_value(request->value());
-    done->Run();
-  }
-};
 
 class Controller : public google::protobuf::RpcController {
  public:
@@ -36,7 +27,7 @@ class Count : public google::protobuf::Closure {
 };
 
 void Dispatch(benchmark::State& state, const std::string& method_name) {
-  Host host;
+  EchoHost host;
   Controller controller;
   Count done;
   const auto* method = host.GetDescriptor()->FindMethodByName(method_name);

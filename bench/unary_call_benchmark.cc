@@ -9,21 +9,13 @@
 #include <thread>
 #include <vector>
 
+#include "bench/echo_host.h"
 #include "core/client/client.h"
 #include "core/server/rpc_server.h"
 #include "rpc/profile/profile.rpc.h"
 
 namespace varnic {
 namespace {
-
-class Host : public rpc::ProfileRpc {
- public:
-  void Name(google::protobuf::RpcController* /*controller*/, const ProfileId* request,
-            google::protobuf::StringValue* response, google::protobuf::Closure* done) override {
-    response->set_value(request->value());
-    done->Run();
-  }
-};
 
 class RunningServer {
  public:
@@ -40,7 +32,7 @@ class RunningServer {
   const std::string& address() const { return address_; }
 
  private:
-  Host host_;
+  EchoHost host_;
   RpcServer server_;
   std::string address_;
   std::thread thread_;

@@ -97,7 +97,7 @@ TEST_P(CallCancellationTest, AnswerWithoutCancellationNotifiesOnceAtTheEnd) {
 }
 
 TEST_P(CallCancellationTest, DeadlineReachesTheOverride) {
-  StartKeptCall(absl::Milliseconds(200));
+  StartKeptCall(absl::Milliseconds(500));
 
   loop_.RunUntil([this] { return ends_ == 1; });
 

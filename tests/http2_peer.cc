@@ -29,6 +29,11 @@ class Http2Peer::Stream : public net::Http2Session::Handler {
   Answer& answer_;
 };
 
+std::string Http2Peer::Answer::Header(const std::string& name) const {
+  const auto found = headers.find(name);
+  return found == headers.end() ? "" : found->second;
+}
+
 Http2Peer::Http2Peer(const std::string& address) {
   const auto target = net::Address::Parse(address);
   EXPECT_TRUE(target.ok()) << target.status();

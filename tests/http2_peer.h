@@ -24,6 +24,9 @@ class Http2Peer : private net::Http2Connection::Visitor {
     std::string data;
     bool closed = false;
     net::Http2Error error = net::Http2Error::kNoError;
+
+    // Empty if there is none of that name.
+    std::string Header(const std::string& name) const;
   };
 
   explicit Http2Peer(const std::string& address);

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <future>
 #include <utility>
 
 #include "absl/strings/str_cat.h"
@@ -110,7 +109,12 @@ ServedHost::ServedHost(const std::string& where, const ServerOptions& options)
   const auto address = server_->Listen(where == "unix" ? NewSocketAddress() : where);
   EXPECT_TRUE(address.ok()) << address.status();
   address_ = address.value_or("");
-  thread_ = std::thread([this] { server_->Run(); });
+  thread_ = std::thread([this] {
+    server_->Run();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    has_stopped_ = true;
+    changed_.notify_all();
+  });
 }
 
 ServedHost::~ServedHost() {
@@ -118,18 +122,33 @@ ServedHost::~ServedHost() {
 }
 
 void ServedHost::RunOnServer(const std::function<void()>& task) {
-  std::promise<void> ran;
+  bool has_run = false;
   server_->Post([&] {
     task();
-    ran.set_value();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    has_run = true;
+    changed_.notify_all();
   });
-  ran.get_future().wait();
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return has_run || has_stopped_; });
+  }
+  // A server that has drained runs nothing any more; this thread takes its place.
+  while (!has_run) {
+    if (thread_.joinable()) thread_.join();
+    server_->loop().RunPending();
+  }
+}
+
+bool ServedHost::WaitUntilStopped() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, std::chrono::seconds(60), [this] { return has_stopped_; });
 }
 
 void ServedHost::Stop() {
   RunOnServer([this] { host_.JoinThreads(); });
   RunOnServer([this] { server_->Stop(); });
-  thread_.join();
+  if (thread_.joinable()) thread_.join();
   server_ = nullptr;
 }
 

@@ -84,8 +84,10 @@ class ServedHost {
   RpcServer& server() { return *server_; }
   const std::string& address() const { return address_; }
 
-  // Runs `task` on the RPC thread and waits for its end.
+  // Runs `task` on the RPC thread and waits for its end; on this thread, if the server has stopped.
   void RunOnServer(const std::function<void()>& task);
+  // Whether the server comes to stop by itself.
+  bool WaitUntilStopped();
   // Stops and destroys the server; the host stays.
   void Stop();
 
@@ -94,6 +96,10 @@ class ServedHost {
   std::unique_ptr<RpcServer> server_ = nullptr;
   std::string address_;
   std::thread thread_;
+
+  std::mutex mutex_;  // For what follows.
+  std::condition_variable changed_;
+  bool has_stopped_ = false;
 };
 
 // An address in the tests' own folder that no other test has.

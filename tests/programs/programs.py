@@ -19,12 +19,13 @@ PATIENCE_SECONDS = 60
 
 
 class Host:
-    """A running varnic-host. Use it as a context manager."""
+    """A running varnic-host, or another program that says what it says. Use it as a context
+    manager."""
 
-    def __init__(self, *arguments, env=None, user=None):
+    def __init__(self, *arguments, program=HOST, env=None, user=None):
         self._log = tempfile.TemporaryFile(mode="w+")
         self.process = subprocess.Popen(
-            [HOST, *arguments],
+            [program, *arguments],
             stdout=subprocess.PIPE,
             stderr=self._log,
             text=True,

@@ -150,7 +150,9 @@ class VarnicHostTest(unittest.TestCase):
         result = subprocess.run([programs.HOST, "--help"], capture_output=True, text=True,
                                 env=self.environment, timeout=programs.PATIENCE_SECONDS)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
-        for option in ("--listen", "--user-data-dir", "--user-agent", "--browser"):
+        for option in ("--listen", "--user-data-dir", "--user-agent", "--browser",
+                       "--allow-user", "--allow-group", "--tls-cert", "--tls-key",
+                       "--tls-client-ca", "--tls-crl", "--policy"):
             self.assertIn(option, result.stdout)
 
 

@@ -53,10 +53,11 @@ class VarnicctlTest(unittest.TestCase):
             json.dumps({"intl": {"selected_languages": "de,en"}, "zoom": 1.5})
         )
 
-    def start_host(self, **options):
+    def start_host(self, *arguments, **options):
         host = programs.Host(
             "--listen", self.target, "--user-data-dir", str(self.user_data_dir),
             "--user-agent", "Mozilla/5.0 (X11; Linux x86_64) Chrome/156.0.0.0 Safari/537.36",
+            *arguments,
             **options,
         )
         self.addCleanup(host.__exit__)
@@ -148,8 +149,7 @@ class VarnicctlTest(unittest.TestCase):
         profile = self.user_data_dir / "Profile 1"
         if os.geteuid() == 0:
             # The modes of files do not hold root back.
-            self.start_host(user=NOBODY)
-            os.chown(self.target[len("unix:"):], 0, 0)
+            self.start_host("--allow-user", "root", user=NOBODY)
         else:
             for folder in (profile, self.user_data_dir):
                 folder.chmod(0o555)

@@ -1,0 +1,170 @@
+// A host whose unary methods drive its streams, so that a client that is not ours can be tested
+// from both ends, and as a process of its own.
+//   stream_host ADDRESS...
+// SIGTERM drains it.
+
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+#include "absl/time/time.h"
+#include "core/common/rpc/stream/callback_caller.h"
+#include "core/common/rpc/stream/event_publisher.h"
+#include "core/net/event_loop.h"
+#include "core/server/rpc_server.h"
+#include "core/server/server_controller.h"
+#include "rpc/profile/profile.rpc.h"
+
+namespace varnic {
+namespace {
+
+using google::protobuf::Closure;
+using google::protobuf::RpcController;
+using google::protobuf::StringValue;
+
+constexpr absl::Duration kPatience = absl::Seconds(30);
+
+// Publishes and asks under the profile that it is called about:
+//
+//   Name                  publishes {online: true}; says how many streams took it
+//   SetAcceptLanguage     publishes {interfaces: [{name: <the languages>}]}
+//   Path                  asks whether "/etc/motd" may be read: "allowed" or "refused"
+//   CreateBrowser         asks whether the file `url` may be read: browser 1 or 0
+//   GetAcceptLanguage     asks about "/etc/motd", for a millisecond
+//   GetUserAgent          asks for credentials: "user:password" or "cancel"
+//   GetUserAgentMetadata  counts what is there, as brands with their numbers for versions
+//
+// A question that gets no answer fails the call with the status that it ended with.
+class StreamHost : public rpc::ProfileRpc {
+ public:
+  explicit StreamHost(RpcServer& server)
+      : server_(server), files_(server.scheduler()), credentials_(server.scheduler()) {}
+
+  void Name(RpcController* /*controller*/, const ProfileId* request, StringValue* response,
+            Closure* done) override {
+    rpc::NetworkChanged event;
+    event.set_online(true);
+    response->set_value(absl::StrCat(network_.Publish(*request, event)));
+    done->Run();
+  }
+
+  void SetAcceptLanguage(RpcController* /*controller*/,
+                         const rpc::SetAcceptLanguageRequest* request,
+                         google::protobuf::Empty* /*response*/, Closure* done) override {
+    rpc::NetworkChanged event;
+    event.add_interfaces()->set_name(request->accept_language());
+    network_.Publish(request->profile_id(), event);
+    done->Run();
+  }
+
+  void Path(RpcController* controller, const ProfileId* request, StringValue* response,
+            Closure* done) override {
+    AskForMotd(controller, *request, kPatience, response, done);
+  }
+
+  void GetAcceptLanguage(RpcController* controller, const ProfileId* request, StringValue* response,
+                         Closure* done) override {
+    AskForMotd(controller, *request, absl::Milliseconds(1), response, done);
+  }
+
+  void CreateBrowser(RpcController* controller, const rpc::BrowserOptions* request,
+                     BrowserId* response, Closure* done) override {
+    AskForFile(controller, request->profile_id(), request->url(), kPatience, done,
+               [response](bool allow) { response->set_value(allow ? 1 : 0); });
+  }
+
+  void GetUserAgent(RpcController* controller, const ProfileId* request, StringValue* response,
+                    Closure* done) override {
+    rpc::Authenticate::Request question;
+    question.set_scheme("basic");
+    const auto on_response = [response, done](const rpc::Authenticate::Response& answer) {
+      response->set_value(
+          answer.cancel() ? "cancel" : absl::StrCat(answer.username(), ":", answer.password()));
+      done->Run();
+    };
+    credentials_.Call(*request, question, on_response, Fail(controller, done), kPatience);
+  }
+
+  void GetUserAgentMetadata(RpcController* /*controller*/, const ProfileId* request,
+                            rpc::UserAgentMetadata* response, Closure* done) override {
+    const auto subscribers = EventStream<rpc::NetworkChanged>::stream_map_.find(request);
+    const bool none = subscribers == EventStream<rpc::NetworkChanged>::stream_map_.end();
+    Count("subscribers", none ? 0 : subscribers->second.size(), *response);
+    Count("file answerers", CallbackStream<rpc::CanAccessFile>::stream_map_.count(request),
+          *response);
+    Count("credentials answerers", CallbackStream<rpc::Authenticate>::stream_map_.count(request),
+          *response);
+    Count("streams", server_.streams().open_streams(), *response);
+    Count("questions", files_.open_calls() + credentials_.open_calls(), *response);
+    done->Run();
+  }
+
+ private:
+  static void Count(const char* what, std::size_t number, rpc::UserAgentMetadata& counts) {
+    auto& count = *counts.add_brands();
+    count.set_brand(what);
+    count.set_version(absl::StrCat(number));
+  }
+
+  static std::function<void(const absl::Status&)> Fail(RpcController* controller, Closure* done) {
+    return [controller, done](const absl::Status& status) {
+      ServerController::From(controller).SetStatus(status);
+      done->Run();
+    };
+  }
+
+  void AskForFile(RpcController* controller, const ProfileId& profile, const std::string& path,
+                  absl::Duration timeout, Closure* done, std::function<void(bool)> answer) {
+    rpc::CanAccessFile::Request question;
+    question.set_path(path);
+    question.set_access(rpc::CanAccessFile::READ);
+    const auto on_response = [answer, done](const rpc::CanAccessFile::Response& response) {
+      answer(response.allow());
+      done->Run();
+    };
+    files_.Call(profile, question, on_response, Fail(controller, done), timeout);
+  }
+
+  void AskForMotd(RpcController* controller, const ProfileId& profile, absl::Duration timeout,
+                  StringValue* response, Closure* done) {
+    AskForFile(controller, profile, "/etc/motd", timeout, done,
+               [response](bool allow) { response->set_value(allow ? "allowed" : "refused"); });
+  }
+
+  RpcServer& server_;
+  EventPublisher<rpc::NetworkChanged> network_;
+  CallbackCaller<rpc::CanAccessFile> files_;
+  CallbackCaller<rpc::Authenticate> credentials_;
+};
+
+int Serve(int count, char** addresses) {
+  ServerOptions options;
+  // For the long questions and events.
+  options.streams.outbound.max_bytes = 8 << 20;
+  RpcServer server(options);
+  StreamHost host(server);
+  server.AddService(host);
+  for (int i = 0; i < count; ++i) {
+    const auto address = server.Listen(addresses[i]);
+    if (!address.ok()) {
+      std::fprintf(stderr, "stream_host: %s\n", address.status().ToString().c_str());
+      return 1;
+    }
+    std::printf("Listening on %s\n", address->c_str());
+  }
+  const net::StopSignals signals(server.loop(),
+                                 [&](int /*signal*/) { server.Drain(absl::InfiniteDuration()); });
+  std::puts("Try: -");
+  std::fflush(stdout);
+  server.Run();
+  return 0;
+}
+
+}  // namespace
+}  // namespace varnic
+
+int main(int argc, char** argv) {
+  return varnic::Serve(argc - 1, argv + 1);
+}
