@@ -124,7 +124,9 @@ class VarnicctlTest(unittest.TestCase):
         self.assert_fails(["path"], 14, self.target.replace("unix:", "unix://"), "varnic-host")
 
     def test_socket_of_a_dead_host_is_as_good_as_none(self):
-        self.start_host().process.kill()
+        host = self.start_host()
+        host.process.kill()
+        host.process.wait(programs.PATIENCE_SECONDS)
         self.assert_fails(["path"], 14, "Connection refused")
 
     def test_wrong_profile_is_named(self):
