@@ -77,16 +77,7 @@ class HostAccessTest(unittest.TestCase):
 
     def assert_refuses(self, status, *texts_and_arguments):
         *texts, arguments = texts_and_arguments
-        result = subprocess.run(
-            [programs.HOST, *arguments],
-            capture_output=True,
-            text=True,
-            env=self.environment,
-            timeout=programs.PATIENCE_SECONDS,
-        )
-        self.assertEqual(result.returncode, status, result.stderr)
-        for text in texts:
-            self.assertIn(text, result.stderr)
+        programs.assert_host_refuses(self, status, texts, arguments, self.environment)
 
     def test_client_with_a_certificate_is_served_and_one_without_hears_why(self):
         self.make_certificates()

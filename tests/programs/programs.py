@@ -66,6 +66,16 @@ class Host:
         self._log.close()
 
 
+def assert_host_refuses(test, status, texts, arguments, env):
+    """varnic-host ends by itself with that status, and says each of the texts."""
+    result = subprocess.run(
+        [HOST, *arguments], capture_output=True, text=True, env=env, timeout=PATIENCE_SECONDS
+    )
+    test.assertEqual(result.returncode, status, result.stderr)
+    for text in texts:
+        test.assertIn(text, result.stderr)
+
+
 def ctl(*arguments, env=None):
     """Runs varnicctl to its end."""
     return subprocess.run(

@@ -33,16 +33,7 @@ class VarnicHostTest(unittest.TestCase):
 
     def assert_refuses(self, status, *texts_and_arguments):
         *texts, arguments = texts_and_arguments
-        result = subprocess.run(
-            [programs.HOST, *arguments],
-            capture_output=True,
-            text=True,
-            env=self.environment,
-            timeout=programs.PATIENCE_SECONDS,
-        )
-        self.assertEqual(result.returncode, status, result.stderr)
-        for text in texts:
-            self.assertIn(text, result.stderr)
+        programs.assert_host_refuses(self, status, texts, arguments, self.environment)
 
     def test_without_options_it_serves_a_directory_of_its_own(self):
         host = self.start_host()
