@@ -41,7 +41,6 @@ ServerStream::ServerStream(net::EventLoop& loop, const ServiceTable::Method& met
                            EnvelopeGuard& guard, StreamFraming framing, const StreamLimits& limits,
                            net::GrpcServerCall& call, Owner& owner)
     : loop_(loop),
-      method_(method),
       guard_(guard),
       framing_(framing),
       call_id_field_(CallIdField(*method.descriptor->output_type())),
@@ -117,14 +116,24 @@ void ServerStream::OnRoom() {
 
 bool ServerStream::Send(const ::rpc::transport::StreamMessage& envelope) {
   if (call_ == nullptr || ending_) return false;
-  return Accept(outbound_.Push({FrameEnvelope(framing_, envelope, call_id_field_), nullptr}));
+  OutboundMessage message{FrameEnvelope(framing_, envelope, call_id_field_), nullptr};
+  if (SendAtOnce(message)) return true;
+  return Accept(outbound_.Push(std::move(message)));
 }
 
 bool ServerStream::SendEvent(const SharedEvent& event) {
   if (call_ == nullptr || ending_) return false;
-  return Accept(outbound_.PushEvent(
-      {FrameEventPrefix(framing_, event.payload().size()), event.shared_payload()},
-      event.conflation_key()));
+  OutboundMessage message{FrameEventPrefix(framing_, event.payload().size()),
+                          event.shared_payload()};
+  if (SendAtOnce(message)) return true;
+  return Accept(outbound_.PushEvent(std::move(message), event.conflation_key()));
+}
+
+// What finds nothing waiting need not wait itself: the queue is for slow readers alone.
+bool ServerStream::SendAtOnce(OutboundMessage& message) {
+  if (!outbound_.empty() || !call_->HasRoom()) return false;
+  call_->Send(std::move(message.head), std::move(message.shared));
+  return true;
 }
 
 bool ServerStream::Accept(OutboundQueue::Outcome outcome) {
@@ -141,18 +150,17 @@ bool ServerStream::Accept(OutboundQueue::Outcome outcome) {
 }
 
 void ServerStream::SendWaiting() {
-  while (call_ != nullptr && !outbound_.empty() && call_->HasRoom()) {
-    OutboundMessage message = outbound_.Pop();
-    call_->Send(std::move(message.head), std::move(message.shared));
-  }
+  while (call_ != nullptr && !outbound_.empty() && call_->HasRoom()) SendOldest();
+}
+
+void ServerStream::SendOldest() {
+  OutboundMessage message = outbound_.Pop();
+  call_->Send(std::move(message.head), std::move(message.shared));
 }
 
 void ServerStream::Complete() {
   // What was sent before the end is sent, however slow the reader: it is bounded.
-  while (call_ != nullptr && final_status_.ok() && !outbound_.empty()) {
-    OutboundMessage message = outbound_.Pop();
-    call_->Send(std::move(message.head), std::move(message.shared));
-  }
+  while (call_ != nullptr && final_status_.ok() && !outbound_.empty()) SendOldest();
   if (call_ != nullptr) std::exchange(call_, nullptr)->Finish(final_status_);
 }
 

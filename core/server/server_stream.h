@@ -76,8 +76,11 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   void Complete();
   void OnChannelDropped();
 
+  // False, with `message` as it was, if it has to wait.
+  bool SendAtOnce(OutboundMessage& message);
   bool Accept(OutboundQueue::Outcome outcome);
   void SendWaiting();
+  void SendOldest();
 
   // The same as End(), but never inside the caller's call: a host that writes to a stream does not
   // expect the stream to leave the registries meanwhile.
@@ -85,7 +88,6 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   void DeliverCompleted();
 
   net::EventLoop& loop_;
-  const ServiceTable::Method method_;
   EnvelopeGuard& guard_;
   const StreamFraming framing_;
   const int call_id_field_;
