@@ -87,6 +87,8 @@ class Client::Connections : private net::GrpcClientConnection::Visitor {
   void Add(Client& client, std::unique_ptr<net::ByteStream> stream) {
     net::GrpcClientOptions options;
     options.max_message_bytes = client.options_.max_message_bytes;
+    options.keepalive_time = client.options_.keepalive_time;
+    options.keepalive_timeout = client.options_.keepalive_timeout;
     // gRPC clients name the host of a Unix-domain socket so.
     const std::string authority = client.target_->kind == net::Address::Kind::kUnix
                                       ? "localhost"
@@ -172,6 +174,9 @@ void Client::Cancel(CallId call_id) {
 absl::Status Client::CallAndWait(const google::protobuf::MethodDescriptor& method,
                                  const google::protobuf::Message& request,
                                  google::protobuf::Message& response, absl::Duration timeout) {
+  // The loop may not have run for long, and the server has closed a connection that nobody used:
+  // the first turn finds that its words have come in, the second one hears them.
+  for (int turn = 0; turn < 2; ++turn) loop_.RunPending();
   absl::Status result;
   bool ended = false;
   const CallId id = Call(method, request, response, timeout, [&](const absl::Status& status) {

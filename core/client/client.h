@@ -27,6 +27,12 @@ struct ClientOptions {
   // The largest message that a server may send; a larger one ends its call with RESOURCE_EXHAUSTED.
   std::size_t max_message_bytes = 4 << 20;
   absl::Duration connect_timeout = absl::Seconds(20);
+  // While a call is open and the server says nothing for so long, it is sent a ping; with no answer
+  // in time either, the connection is lost and its calls fail with UNAVAILABLE. Ten seconds at
+  // least; infinite: never. A server of another make may want no more than one ping in five
+  // minutes.
+  absl::Duration keepalive_time = absl::InfiniteDuration();
+  absl::Duration keepalive_timeout = absl::Seconds(20);
   // With it, the target is a TCP address that is served with TLS.
   std::optional<net::TlsClientOptions> tls;
 };

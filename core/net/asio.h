@@ -10,13 +10,13 @@
 #endif
 
 #include <asio/basic_socket_acceptor.hpp>
+#include <asio/basic_waitable_timer.hpp>
 #include <asio/generic/stream_protocol.hpp>
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/local/stream_protocol.hpp>
 #include <asio/post.hpp>
 #include <asio/signal_set.hpp>
-#include <asio/steady_timer.hpp>
 
 #include "core/common/rpc/fatal.h"
 

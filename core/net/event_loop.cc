@@ -2,12 +2,21 @@
 
 #include <algorithm>
 #include <csignal>
+#include <optional>
 #include <utility>
 
 #include "core/net/asio.h"
 #include "core/net/lifetime.h"
+#include "core/net/loop_clock.h"
 
 namespace varnic::net {
+namespace {
+
+using AsioTimer = asio::basic_waitable_timer<LoopClock>;
+
+constexpr absl::Duration kLongestDelay = absl::Hours(24 * 365);
+
+}  // namespace
 
 // Makes the calling thread the loop's.
 class EventLoop::RunScope {
@@ -54,12 +63,23 @@ std::size_t EventLoop::RunPending() {
   if (was_stopped) context_->restart();
   // Up to here and no further: a task that posts itself again must not keep this going.
   const auto reached = std::make_shared<bool>(false);
-  asio::post(*context_, [reached] { *reached = true; });
+  const auto mark_end = [this, reached] { asio::post(*context_, [reached] { *reached = true; }); };
+  std::size_t own_tasks = 1;
+  // Asio looks at its timers when the first of them is due by the real clock. This one always is,
+  // and runs before the others, which so come before the end.
+  std::optional<AsioTimer> first_timer;
+  if (LoopClock::IsHeld()) {
+    ++own_tasks;
+    first_timer.emplace(*context_, LoopClock::time_point::min());
+    first_timer->async_wait([mark_end](const asio::error_code& /*error*/) { mark_end(); });
+  } else {
+    mark_end();
+  }
   // None is run after a task that stops the loop.
   std::size_t runs = 0;
   while (!*reached && context_->poll_one() > 0) ++runs;
   if (was_stopped) context_->stop();
-  return *reached ? runs - 1 : runs;
+  return *reached ? runs - own_tasks : runs;
 }
 
 void EventLoop::Stop() {
@@ -74,8 +94,6 @@ bool EventLoop::IsLoopThread() const {
   const std::thread::id thread = thread_;
   return thread == std::thread::id() || thread == std::this_thread::get_id();
 }
-
-constexpr absl::Duration kLongestDelay = absl::Hours(24 * 365);
 
 class Timer::Impl {
  public:
@@ -98,7 +116,7 @@ class Timer::Impl {
   }
 
  private:
-  asio::steady_timer timer_;
+  AsioTimer timer_;
   unsigned starts_ = 0;
   Lifetime lifetime_;
 };

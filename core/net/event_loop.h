@@ -58,8 +58,8 @@ class EventLoop {
   std::atomic<std::thread::id> thread_;  // None while nobody runs the loop.
 };
 
-// One timer on a loop. Safe to start again, to cancel and to destroy at any time, inside its own
-// callback too; the callback of a cancelled or destroyed timer never runs.
+// One timer on a loop, by the LoopClock. Safe to start again, to cancel and to destroy at any time,
+// inside its own callback too; the callback of a cancelled or destroyed timer never runs.
 class Timer {
  public:
   explicit Timer(EventLoop& loop);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "absl/time/clock.h"
+#include "core/net/testing/fake_clock.h"
 
 namespace varnic::net {
 namespace {
@@ -286,6 +287,103 @@ TEST_F(TimerTest, MayBeDestroyedInsideItsCallback) {
   EXPECT_TRUE(loop_.RunUntil([&] { return timer == nullptr; }));
 
   EXPECT_EQ(seen, "still there");
+}
+
+// A loop whose time the test holds.
+class HeldTimeTest : public ::testing::Test {
+ protected:
+  void Start(Timer& timer, absl::Duration delay, const std::string& name) {
+    timer.Start(delay, [this, name] { events_.push_back(name); });
+  }
+
+  testing::FakeClock clock_;
+  EventLoop loop_;
+  std::vector<std::string> events_;
+};
+
+TEST_F(HeldTimeTest, TimersRunInTheNextTurnAfterTheirTimeAndNotBefore) {
+  Timer hour(loop_);
+  Start(hour, absl::Hours(1), "hour");
+
+  clock_.Advance(absl::Hours(1) - absl::Nanoseconds(1));
+  EXPECT_EQ(loop_.RunPending(), 0u);
+  EXPECT_TRUE(events_.empty());
+  clock_.Advance(absl::Nanoseconds(1));
+  EXPECT_EQ(loop_.RunPending(), 1u);
+
+  EXPECT_THAT(events_, ElementsAre("hour"));
+  EXPECT_EQ(loop_.RunPending(), 0u);
+}
+
+TEST_F(HeldTimeTest, TimersThatAreDueRunInTheOrderOfTheirTimes) {
+  Timer late(loop_);
+  Timer early(loop_);
+  Timer later(loop_);
+  Start(late, absl::Seconds(2), "late");
+  Start(early, absl::Seconds(1), "early");
+  Start(later, absl::Seconds(4), "later");
+
+  clock_.Advance(absl::Seconds(3));
+  loop_.RunPending();
+
+  EXPECT_THAT(events_, ElementsAre("early", "late"));
+}
+
+TEST_F(HeldTimeTest, TimerThatIsStartedAgainWaitsForItsTimeAgain) {
+  Timer timer(loop_);
+  Start(timer, absl::Seconds(10), "first");
+  clock_.Advance(absl::Seconds(9));
+  loop_.RunPending();
+
+  Start(timer, absl::Seconds(10), "second");
+  clock_.Advance(absl::Seconds(9));
+  loop_.RunPending();
+  EXPECT_TRUE(events_.empty());
+  clock_.Advance(absl::Seconds(1));
+  loop_.RunPending();
+
+  EXPECT_THAT(events_, ElementsAre("second"));
+}
+
+TEST_F(HeldTimeTest, PostedTasksRunWhileTimeStandsStill) {
+  loop_.Post([this] {
+    events_.push_back("first");
+    loop_.Post([this] { events_.push_back("second"); });
+  });
+
+  while (loop_.RunPending() > 0) {
+  }
+
+  EXPECT_THAT(events_, ElementsAre("first", "second"));
+}
+
+TEST_F(HeldTimeTest, TaskThatPostsItselfDoesNotKeepATurnGoing) {
+  std::function<void()> again = [&] { loop_.Post(again); };
+  loop_.Post(again);
+
+  EXPECT_GT(loop_.RunPending(), 0u);
+}
+
+TEST(LoopClockTest, GoesOnWhenNobodyHoldsIt) {
+  const LoopClock::time_point before = [] {
+    const testing::FakeClock clock;
+    return LoopClock::now();
+  }();
+
+  EXPECT_FALSE(LoopClock::IsHeld());
+  EXPECT_GE(LoopClock::now(), before);
+}
+
+TEST(LoopClockTest, IsHeldOnOneThreadOnly) {
+  testing::FakeClock clock;
+  const LoopClock::time_point before = LoopClock::now();
+  clock.Advance(absl::Seconds(3));
+
+  bool held_elsewhere = true;
+  std::thread([&] { held_elsewhere = LoopClock::IsHeld(); }).join();
+
+  EXPECT_EQ(LoopClock::Between(before, LoopClock::now()), absl::Seconds(3));
+  EXPECT_FALSE(held_elsewhere);
 }
 
 TEST(StopSignalsTest, EachSignalIsToldOnTheLoop) {

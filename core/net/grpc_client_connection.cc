@@ -1,5 +1,6 @@
 #include "core/net/grpc_client_connection.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "absl/container/inlined_vector.h"
@@ -10,6 +11,19 @@
 #include "core/net/grpc_timeout.h"
 
 namespace varnic::net {
+namespace {
+
+constexpr absl::Duration kLeastKeepaliveTime = absl::Seconds(10);
+
+ConnectionLimits LimitsFor(const GrpcClientOptions& options) {
+  ConnectionLimits limits = ConnectionLimits::None();
+  limits.keepalive_time = std::max(options.keepalive_time, kLeastKeepaliveTime);
+  limits.keepalive_timeout = options.keepalive_timeout;
+  limits.keepalive_without_streams = false;
+  return limits;
+}
+
+}  // namespace
 
 GrpcClientCall::GrpcClientCall(std::size_t max_message_bytes, Visitor& visitor)
     : visitor_(&visitor), reader_(max_message_bytes) {}
@@ -95,7 +109,8 @@ GrpcClientConnection::GrpcClientConnection(EventLoop& loop, std::unique_ptr<Byte
       scheme_(stream->peer().kind == Peer::Kind::kTls ? "https" : "http"),
       options_(options),
       visitor_(visitor),
-      http2_(loop, std::move(stream), Http2Session::Role::kClient, options.http2, *this) {}
+      http2_(loop, std::move(stream), Http2Session::Role::kClient, options.http2, *this,
+             LimitsFor(options)) {}
 
 GrpcClientCall* GrpcClientConnection::StartCall(std::string_view path, absl::Duration timeout,
                                                 GrpcClientCall::Visitor& visitor,

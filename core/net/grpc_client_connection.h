@@ -17,9 +17,17 @@
 namespace varnic::net {
 
 struct GrpcClientOptions {
+  // An answer's headers may be larger than a request's.
+  GrpcClientOptions() { http2.max_header_list_bytes = 64 << 10; }
+
   Http2Options http2;
   // The largest message that a server may send.
   std::size_t max_message_bytes = 4 << 20;
+  // While a call is open and the server says nothing for so long, it is sent a ping, and then has
+  // the timeout for any answer. Ten seconds at least; infinite: never. Most servers want no more
+  // than one ping in five minutes.
+  absl::Duration keepalive_time = absl::InfiniteDuration();
+  absl::Duration keepalive_timeout = absl::Seconds(20);
 };
 
 // The client's side of one gRPC call, unary or streaming.

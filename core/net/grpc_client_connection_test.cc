@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,6 +13,7 @@
 
 #include "absl/strings/str_cat.h"
 #include "core/net/testing/fake_byte_stream.h"
+#include "core/net/testing/fake_clock.h"
 #include "core/net/testing/raw_http2_peer.h"
 
 namespace varnic::net {
@@ -22,6 +24,7 @@ using ::testing::ElementsAre;
 using testing::FakePeer;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using testing::RawHttp2Peer;
 using ::testing::StartsWith;
 
@@ -443,6 +446,109 @@ TEST_F(GrpcClientCallTest, AnInformationalAnswerIsSkipped) {
   Exchange();
 
   EXPECT_THAT(events_, ElementsAre("done OK"));
+}
+
+// A client that is to send pings, on a connection that goes by the test's time.
+class ClientKeepaliveTest : public ::testing::Test, private GrpcClientConnection::Visitor {
+ protected:
+  void Connect(absl::Duration keepalive_time) {
+    GrpcClientOptions options;
+    options.keepalive_time = keepalive_time;
+    GrpcClientConnection::Visitor& visitor = *this;
+    connection_ = std::make_unique<GrpcClientConnection>(loop_, peer_.MakeStream(), "test.host",
+                                                         options, visitor);
+    peer_.Send(server_.Take());
+  }
+  void StartCall() {
+    GrpcClientCall* call =
+        connection_->StartCall("/a.B/C", absl::InfiniteDuration(), call_visitor_);
+    ASSERT_NE(call, nullptr);
+    call->Send(Framed("question"), /*half_close=*/true);
+  }
+
+  // The server answers pings, if so wanted, and nothing else.
+  void Wait(int seconds, bool answers) {
+    for (; seconds > 0; --seconds) {
+      clock_.Advance(absl::Seconds(1));
+      while (loop_.RunPending() > 0) {
+      }
+      server_.Receive(peer_.Take());
+      if (answers) peer_.Send(server_.Take());
+    }
+  }
+
+  class CallVisitor : public GrpcClientCall::Visitor {
+   public:
+    absl::Status status;
+
+   private:
+    void OnMessage(std::string_view /*message*/) override {}
+    void OnDone(const absl::Status& result) override { status = result; }
+  };
+
+  testing::FakeClock clock_;
+  EventLoop loop_;
+  FakePeer peer_;
+  RawHttp2Peer server_{RawHttp2Peer::Role::kServer};
+  CallVisitor call_visitor_;
+  std::unique_ptr<GrpcClientConnection> connection_;
+
+ private:
+  void OnGoaway(GrpcClientConnection&) override {}
+  void OnConnectionClosed(GrpcClientConnection&, const absl::Status&) override {
+    connection_ = nullptr;
+  }
+};
+
+TEST_F(ClientKeepaliveTest, ServerThatDoesNotAnswerIsGivenUp) {
+  Connect(absl::Seconds(60));
+  StartCall();
+
+  Wait(59, /*answers=*/false);
+  EXPECT_THAT(server_.events(), Not(Contains("PING")));
+  Wait(40, /*answers=*/false);
+
+  EXPECT_THAT(server_.events(), Contains("PING"));
+  EXPECT_FALSE(peer_.open());
+  EXPECT_EQ(call_visitor_.status.code(), absl::StatusCode::kUnavailable);
+  EXPECT_THAT(std::string(call_visitor_.status.message()), HasSubstr("does not answer a ping"));
+}
+
+TEST_F(ClientKeepaliveTest, ServerThatAnswersIsKept) {
+  Connect(absl::Seconds(60));
+  StartCall();
+
+  Wait(1000, /*answers=*/true);
+
+  EXPECT_THAT(server_.events(), Contains("PING"));
+  EXPECT_TRUE(peer_.open());
+}
+
+TEST_F(ClientKeepaliveTest, NoPingsAreSentWithoutACall) {
+  Connect(absl::Seconds(60));
+
+  Wait(1000, /*answers=*/true);
+
+  EXPECT_THAT(server_.events(), Not(Contains("PING")));
+}
+
+TEST_F(ClientKeepaliveTest, PingsAreTenSecondsApartAtLeast) {
+  Connect(absl::Seconds(1));
+  StartCall();
+
+  Wait(100, /*answers=*/true);
+
+  EXPECT_LE(std::count(server_.events().begin(), server_.events().end(), "PING"), 10);
+}
+
+TEST_F(ClientKeepaliveTest, NoPingsAreSentByDefault) {
+  Connect(GrpcClientOptions().keepalive_time);
+  StartCall();
+
+  Wait(10'000, /*answers=*/false);
+
+  EXPECT_THAT(server_.events(), Not(Contains("PING")));
+  EXPECT_TRUE(peer_.open());
 }
 
 }  // namespace

@@ -16,25 +16,38 @@ constexpr HeaderField kContentType{"content-type", "application/grpc"};
 constexpr HeaderField kAcceptEncoding{"grpc-accept-encoding", "identity"};
 
 // Many clients read no more than 8 KiB of header fields, and refuse the whole answer otherwise.
-constexpr std::size_t kMaxEncodedText = 6 << 10;
+constexpr std::size_t kMaxTrailerText = 6 << 10;
+static_assert(Metadata::kMaxBytes < kMaxTrailerText);
 
-// The grpc-message of a text. One that would be too long is cut, between two characters.
-std::string EncodeText(std::string_view text) {
+// The grpc-message of a text. One that would be longer than `limit` is cut, between two characters.
+std::string EncodeText(std::string_view text, std::size_t limit) {
   std::string encoded = PercentEncode(text);
-  if (encoded.size() <= kMaxEncodedText) return encoded;
-  std::size_t end = std::min(text.size() - 1, kMaxEncodedText / 3);
+  if (encoded.size() <= limit) return encoded;
+  std::size_t end = std::min(text.size() - 1, limit / 3);
   while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
   return PercentEncode(text.substr(0, end));
 }
 
+// Views into `metadata`.
+void AppendFields(const Metadata& metadata, absl::InlinedVector<HeaderField, 5>& fields) {
+  for (const Metadata::Entry& entry : metadata.entries()) {
+    fields.push_back({entry.key, entry.value});
+  }
+}
+
 // What one call may have waiting in its HTTP/2 stream. More waits where it can still be replaced.
 constexpr std::size_t kSendBytes = 16 << 10;
+
+ConnectionLimits LimitsFor(const Peer& peer, const ConnectionLimits& limits) {
+  return peer.kind == Peer::Kind::kUnix ? limits.ForLocalPeer() : limits;
+}
 
 }  // namespace
 
 GrpcServerCall::GrpcServerCall(GrpcServerConnection& connection, StreamId stream_id)
     : connection_(connection),
       stream_id_(stream_id),
+      observer_(connection.options_.observer),
       reader_(connection.options_.max_message_bytes) {}
 
 GrpcServerCall::~GrpcServerCall() = default;
@@ -47,10 +60,11 @@ const std::shared_ptr<const Peer>& GrpcServerCall::peer() const {
   return connection_.peer_;
 }
 
-void GrpcServerCall::SendHeaders() {
+void GrpcServerCall::SendHeaders(const Metadata& metadata) {
   if (finished_ || std::exchange(headers_sent_, true)) return;
-  session().SendHeaders(stream_id_, {kStatusOk, kContentType, kAcceptEncoding},
-                        /*end_stream=*/false);
+  absl::InlinedVector<HeaderField, 5> fields = {kStatusOk, kContentType, kAcceptEncoding};
+  AppendFields(metadata, fields);
+  session().SendHeaders(stream_id_, fields, /*end_stream=*/false);
 }
 
 void GrpcServerCall::Send(std::string framed, std::shared_ptr<const std::string> shared) {
@@ -67,19 +81,23 @@ bool GrpcServerCall::HasRoom() const {
 void GrpcServerCall::Reset(Http2Error error) {
   finished_ = true;
   TakeVisitor();
+  ReportEnd(StatusFromRstStream(static_cast<uint32_t>(error)));
   session().Reset(stream_id_, error);
 }
 
-void GrpcServerCall::Finish(const absl::Status& status) {
+void GrpcServerCall::Finish(const absl::Status& status, const Metadata& metadata) {
   if (std::exchange(finished_, true)) return;
   TakeVisitor();
+  ReportEnd(status.code());
   const std::string message =
-      EncodeText(std::string_view(status.message().data(), status.message().size()));
+      EncodeText(std::string_view(status.message().data(), status.message().size()),
+                 kMaxTrailerText - metadata.size_bytes());
   absl::InlinedVector<HeaderField, 5> fields;
   // Without a message before it, the status stands in the only header block.
   if (!headers_sent_) fields = {kStatusOk, kContentType, kAcceptEncoding};
   fields.push_back({"grpc-status", FormatGrpcStatus(status.code())});
   if (!message.empty()) fields.push_back({"grpc-message", message});
+  AppendFields(metadata, fields);
   if (headers_sent_) {
     session().SendTrailers(stream_id_, fields);
   } else {
@@ -99,6 +117,13 @@ void GrpcServerCall::OnHeaders(const HeaderList& headers) {
   }
 }
 
+bool GrpcServerCall::OnHeadersTooLarge(std::size_t limit) {
+  request_seen_ = true;
+  Cancel(absl::ResourceExhaustedError(
+      absl::StrCat("The request has more than ", limit, " bytes of header fields")));
+  return true;
+}
+
 void GrpcServerCall::Begin(const GrpcRequestHead& head) {
   names_encoding_ = head.encoding != "identity";
   if (head.timeout != absl::InfiniteDuration()) {
@@ -112,6 +137,7 @@ void GrpcServerCall::Begin(const GrpcRequestHead& head) {
 
 void GrpcServerCall::Reject(const HttpRejection& rejection) {
   finished_ = true;
+  ReportEnd(absl::StatusCode::kUnknown);  // What a gRPC client makes of it.
   session().SendHeaders(stream_id_, {HeaderField{":status", rejection.http_status}},
                         /*end_stream=*/true);
 }
@@ -131,6 +157,8 @@ absl::Status GrpcServerCall::OnMessage(std::string_view message, bool compressed
         "A message is marked as compressed, but grpc-encoding names nothing");
   }
   if (compressed) {
+    // Some clients look for grpc-accept-encoding in headers alone, and then compress no more.
+    SendHeaders();
     return absl::UnimplementedError(
         "Compressed messages are not supported; grpc-accept-encoding names what is");
   }
@@ -154,6 +182,7 @@ void GrpcServerCall::OnSendQueueEmpty() {
 
 void GrpcServerCall::OnClosed(Http2Error /*error*/) {
   finished_ = true;
+  if (request_seen_) ReportEnd(absl::StatusCode::kCancelled);
   if (Visitor* visitor = TakeVisitor()) visitor->OnCancelled();
 }
 
@@ -161,6 +190,12 @@ void GrpcServerCall::Cancel(const absl::Status& status) {
   Visitor* visitor = TakeVisitor();
   Finish(status);
   if (visitor != nullptr) visitor->OnCancelled();
+}
+
+void GrpcServerCall::ReportEnd(absl::StatusCode code) {
+  CallObserver* observer = std::exchange(observer_, nullptr);
+  if (observer == nullptr) return;
+  observer->OnCallEnded(code, LoopClock::Between(began_, LoopClock::now()));
 }
 
 GrpcServerCall::Visitor* GrpcServerCall::TakeVisitor() {
@@ -174,7 +209,8 @@ GrpcServerConnection::GrpcServerConnection(EventLoop& loop, std::unique_ptr<Byte
       options_(options),
       visitor_(visitor),
       peer_(std::make_shared<const Peer>(stream->peer())),
-      http2_(loop, std::move(stream), Http2Session::Role::kServer, options.http2, *this) {}
+      http2_(loop, std::move(stream), Http2Session::Role::kServer, options.http2, *this,
+             LimitsFor(*peer_, options.limits)) {}
 
 std::unique_ptr<Http2Session::Handler> GrpcServerConnection::OnNewStream(StreamId stream_id) {
   return std::make_unique<GrpcServerCall>(*this, stream_id);

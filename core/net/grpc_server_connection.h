@@ -3,27 +3,45 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "absl/status/status.h"
 #include "absl/time/time.h"
 #include "core/net/byte_stream.h"
+#include "core/net/edge/connection_limits.h"
+#include "core/net/edge/edge_counters.h"
 #include "core/net/event_loop.h"
 #include "core/net/grpc_request.h"
 #include "core/net/http2_connection.h"
 #include "core/net/http2_session.h"
+#include "core/net/loop_clock.h"
 #include "core/net/message_framing.h"
+#include "core/net/metadata.h"
 #include "core/net/peer.h"
 
 namespace varnic::net {
 
 class GrpcServerConnection;
 
+// Is told how calls end, for counting. Outlives the calls that it observes; may be that of many.
+class CallObserver {
+ public:
+  virtual ~CallObserver() = default;
+  // Once for each call: with the status that its client has got, or CANCELLED if the client has
+  // left, and how long after the beginning of its request that was. Not to touch the call.
+  virtual void OnCallEnded(absl::StatusCode code, absl::Duration duration) = 0;
+};
+
 struct GrpcServerOptions {
   Http2Options http2;
   // The largest message that a client may send.
   std::size_t max_message_bytes = 4 << 20;
+  // Without those that make no sense for a peer on a Unix-domain socket.
+  ConnectionLimits limits;
+  // Of the calls for which nobody names another one; may be null.
+  CallObserver* observer = nullptr;
 };
 
 // The server's side of one gRPC call, unary or streaming: its messages, its deadline and its
@@ -57,26 +75,31 @@ class GrpcServerCall : public Http2Session::Handler {
   // finishes it at once.
   void Accept(Visitor& visitor) { visitor_ = &visitor; }
 
+  // From now on `observer`, instead of an earlier one, is to hear of the end.
+  void Observe(CallObserver& observer) { observer_ = &observer; }
+
   // Who calls. May be kept for longer than the call.
   const std::shared_ptr<const Peer>& peer() const;
   // absl::InfiniteFuture() if the client set no timeout.
   absl::Time deadline() const { return deadline_; }
 
   // Answers with the headers of the response, before there is a message to send.
-  void SendHeaders();
+  void SendHeaders(const Metadata& metadata = {});
   // Sends one message, framed by FrameMessage(); or, with `shared`, the framing and the beginning
   // of one, whose rest is `shared`.
   void Send(std::string framed, std::shared_ptr<const std::string> shared = nullptr);
   // Whether what was sent so far is on its way, but for a little. Whoever has much to send keeps
   // the rest for later.
   bool HasRoom() const;
-  // Ends the call behind what was sent. A text of many kilobytes reaches the client cut.
-  void Finish(const absl::Status& status);
+  // Ends the call behind what was sent, with `metadata` in its trailers. A text of many kilobytes
+  // reaches the client cut.
+  void Finish(const absl::Status& status, const Metadata& metadata = {});
   // Ends the call at once, without what waits to be sent. Clients make a status of `error`.
   void Reset(Http2Error error);
 
  private:
   void OnHeaders(const HeaderList& headers) override;
+  bool OnHeadersTooLarge(std::size_t limit) override;
   void OnData(std::string_view chunk) override;
   void OnRemoteEnd() override;
   void OnSendQueueEmpty() override;
@@ -87,6 +110,7 @@ class GrpcServerCall : public Http2Session::Handler {
   absl::Status OnMessage(std::string_view message, bool compressed);
   // Ends a call that the visitor has not finished.
   void Cancel(const absl::Status& status);
+  void ReportEnd(absl::StatusCode code);
   // The visitor that is to hear of the end; null if it has ended the call itself.
   Visitor* TakeVisitor();
 
@@ -95,6 +119,8 @@ class GrpcServerCall : public Http2Session::Handler {
   GrpcServerConnection& connection_;
   const StreamId stream_id_;
   Visitor* visitor_ = nullptr;  // Null before Accept(), and once the call has ended.
+  CallObserver* observer_;      // Null once it has heard of the end.
+  const LoopClock::time_point began_ = LoopClock::now();
   absl::Time deadline_ = absl::InfiniteFuture();
   MessageReader reader_;
   bool request_seen_ = false;
@@ -127,6 +153,10 @@ class GrpcServerConnection : private Http2Connection::Visitor {
   // Tells the client to make no more calls; the connection ends when those that are open have
   // ended.
   void SendGoaway() { http2_.session().SendGoaway(); }
+
+  const Peer& peer() const { return *peer_; }
+  // The rule by which this end has ended the connection, if it has.
+  const std::optional<EdgeRule>& ended_by() const { return http2_.session().broken_rule(); }
 
  private:
   friend class GrpcServerCall;

@@ -279,14 +279,49 @@ TEST_F(GrpcServerCallTest, AMessageThatIsTooLongIsResourceExhausted) {
   EXPECT_THAT(Answer(), AllOf(HasSubstr("grpc-status=8"), HasSubstr("1001 vs. 1000")));
 }
 
+TEST_F(GrpcServerCallTest, ARequestWithTooManyHeadersIsResourceExhausted) {
+  Start({{"large", std::string(20'000, 'x')}});
+
+  EXPECT_THAT(client_.events(),
+              ElementsAre(StartsWith(absl::StrCat("HEADERS 1", kOk, " grpc-status=8")), "END 1",
+                          "RESET 1 0"));
+  EXPECT_THAT(Answer(), HasSubstr("more than 16384 bytes of header fields"));
+  EXPECT_THAT(events_, IsEmpty());
+}
+
+TEST_F(GrpcServerCallTest, TooManyTrailersOfTheClientEndTheCallWithResourceExhausted) {
+  const StreamId id = Start();
+  client_.Trailers(id, {{"large", std::string(20'000, 'x')}});
+  Exchange();
+
+  EXPECT_THAT(Answer(), HasSubstr("grpc-status=8"));
+  EXPECT_THAT(events_, ElementsAre("call /rpc.Profile/Path", "cancelled"));
+}
+
 TEST_F(GrpcServerCallTest, ACompressedMessageIsUnimplementedAndTheAnswerNamesWhatIsNot) {
   const StreamId id = Start({{"grpc-encoding", "gzip"}});
   client_.Data(id, Framed("plain") + Framed("squeezed", /*compressed=*/true));
   Exchange();
 
   EXPECT_THAT(events_, ElementsAre("call /rpc.Profile/Path", "message plain", "cancelled"));
-  EXPECT_THAT(Answer(),
-              AllOf(HasSubstr("grpc-accept-encoding=identity"), HasSubstr("grpc-status=12")));
+  EXPECT_THAT(client_.events(), Contains(HasSubstr("grpc-accept-encoding=identity")));
+  EXPECT_THAT(Answer(), HasSubstr("grpc-status=12"));
+}
+
+TEST_F(GrpcServerCallTest, MetadataStandsInHeadersAndTrailers) {
+  const StreamId id = Start();
+  client_.Data(id, "", /*end=*/true);
+  Exchange();
+  Metadata initial;
+  Metadata trailing;
+  ASSERT_TRUE(initial.Add("x-first", "1").ok() && trailing.Add("x-last-bin", "\x01").ok());
+
+  calls_[0]->get()->SendHeaders(initial);
+  calls_[0]->get()->Finish(absl::OkStatus(), trailing);
+  Exchange();
+
+  EXPECT_THAT(client_.events(), ElementsAre(absl::StrCat("HEADERS 1", kOk, " x-first=1"),
+                                            "HEADERS 1 grpc-status=0 x-last-bin=AQ", "END 1"));
 }
 
 TEST_F(GrpcServerCallTest, ACompressedMessageWithoutAnEncodingIsAnInternalError) {

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "core/net/loop_clock.h"
+
 namespace varnic::net {
 namespace {
 
@@ -11,14 +13,23 @@ constexpr std::size_t kWriteBytes = 64 << 10;
 // How long a peer may take to close a connection on which everything has been said.
 constexpr absl::Duration kLinger = absl::Seconds(1);
 
+// What may come from it meanwhile, and is not looked at: a peer that floods goes on for a while.
+constexpr std::size_t kMaxIgnoredBytes = 4 << 20;
+
 }  // namespace
 
 Http2Connection::Http2Connection(EventLoop& loop, std::unique_ptr<ByteStream> stream,
                                  Http2Session::Role role, const Http2Options& options,
-                                 Visitor& visitor)
-    : loop_(loop), visitor_(visitor), stream_(std::move(stream)), session_(role, options, *this) {
+                                 Visitor& visitor, const ConnectionLimits& limits)
+    : loop_(loop),
+      visitor_(visitor),
+      stream_(std::move(stream)),
+      session_(role, options, *this),
+      guard_(limits, LoopClock::now()),
+      look_timer_(loop) {
   stream_->Start(*this);
   Http2Connection::OnOutputPending();  // The session's greeting.
+  Look();
 }
 
 Http2Connection::~Http2Connection() {
@@ -26,7 +37,8 @@ Http2Connection::~Http2Connection() {
 }
 
 void Http2Connection::OnBytes(std::string_view bytes) {
-  if (linger_timer_ != nullptr) return;  // Nobody listens any more.
+  if (linger_timer_ != nullptr) return Ignore(bytes);
+  bytes_received_ += bytes.size();
   flush_follows_ = true;
   const absl::Status status = session_.ProcessBytes(bytes);
   if (status.ok()) {
@@ -42,7 +54,7 @@ void Http2Connection::OnWritable() {
 }
 
 void Http2Connection::OnClosed(const absl::Status& status) {
-  if (linger_timer_ != nullptr) return End(absl::OkStatus());
+  if (linger_timer_ != nullptr) return End(session_.failure());
   stream_failure_ = status;
   End(status.ok() ? absl::UnavailableError("the peer closed the connection") : status);
 }
@@ -55,6 +67,11 @@ void Http2Connection::OnGoaway() {
   visitor_.OnGoaway();
 }
 
+void Http2Connection::OnPing() {
+  const std::uint64_t frames_sent = session_.activity().stream_frames_sent;
+  if (!guard_.AdmitPing(LoopClock::now(), frames_sent)) session_.EndFor(EdgeRule::kPings);
+}
+
 void Http2Connection::OnOutputPending() {
   if (std::exchange(flush_follows_, true)) return;
   loop_.Post(lifetime_.Guard([this] { Flush(); }));
@@ -64,14 +81,17 @@ void Http2Connection::Flush() {
   if (stream_ == nullptr) return;
   flush_follows_ = true;
   const bool all_written = WriteOutput();
+  if (!all_written) session_.OnOutputStuck();
   flush_follows_ = false;
   // A peer that broke the protocol hears of it as far as it reads; nobody waits for it.
-  if (session_.IsFinished() && !session_.failure().ok()) {
+  if (session_.broken_rule().has_value()) {
+    Linger(all_written);
+  } else if (session_.IsFinished() && !session_.failure().ok()) {
     End(session_.failure());
   } else if (session_.IsFinished() && all_written) {
-    Linger();
-  } else if (!all_written && session_.IsFlooded()) {
-    End(absl::ResourceExhaustedError("the peer does not read what it makes this end say"));
+    Linger(all_written);
+  } else if (guard_.WantsLookAtOutput() && (!all_written || session_.activity().bytes_queued > 0)) {
+    Look();
   }
 }
 
@@ -88,20 +108,57 @@ bool Http2Connection::WriteOutput() {
 
 bool Http2Connection::Write(std::string_view bytes) {
   const std::size_t written = stream_->Write(bytes);
+  bytes_written_ += written;
   unsent_ = bytes.substr(written);
   return unsent_.empty();
 }
 
-void Http2Connection::Linger() {
-  if (linger_timer_ != nullptr) return;
-  linger_timer_ = std::make_unique<Timer>(loop_);
-  linger_timer_->Start(kLinger, [this] { End(absl::OkStatus()); });
+void Http2Connection::Linger(bool all_written) {
+  if (linger_timer_ == nullptr) {
+    linger_timer_ = std::make_unique<Timer>(loop_);
+    linger_timer_->Start(kLinger, [this] { End(session_.failure()); });
+    look_timer_.Cancel();
+  }
+  if (!all_written || std::exchange(said_all_, true)) return;
+  session_.CloseAllStreams();
   stream_->ShutdownWrite();
+}
+
+void Http2Connection::Ignore(std::string_view bytes) {
+  ignored_bytes_ += bytes.size();
+  if (ignored_bytes_ > kMaxIgnoredBytes) End(session_.failure());
+}
+
+void Http2Connection::Look() {
+  const ConnectionGuard::Verdict verdict = guard_.Look(LoopClock::now(), FindActivity());
+  if (verdict.end.has_value()) session_.EndFor(*verdict.end);
+  if (verdict.end == EdgeRule::kKeepalive) {
+    stream_failure_ = absl::UnavailableError("the peer does not answer a ping");
+  }
+  for (const StreamId stream_id : verdict.stalled_streams) {
+    session_.Reset(stream_id, Http2Error::kEnhanceYourCalm);
+  }
+  if (verdict.ping) session_.SendPing();
+  if (verdict.next_look < absl::InfiniteDuration()) {
+    look_timer_.Start(verdict.next_look, [this] { Look(); });
+  }
+}
+
+ConnectionGuard::Activity Http2Connection::FindActivity() const {
+  ConnectionGuard::Activity activity;
+  activity.greeted = session_.activity().greeted;
+  activity.bytes_received = bytes_received_;
+  activity.streams_opened = session_.activity().streams_opened;
+  activity.output = session_.FindWaitingOutput();
+  activity.output.written = bytes_written_;
+  activity.output.unwritten = unsent_.size();
+  return activity;
 }
 
 void Http2Connection::End(const absl::Status& status) {
   if (stream_ == nullptr) return;
   stream_ = nullptr;
+  look_timer_.Cancel();
   session_.CloseAllStreams();
   visitor_.OnConnectionClosed(status);
 }

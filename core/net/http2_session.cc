@@ -3,6 +3,7 @@
 #include <nghttp2/nghttp2.h>
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -10,6 +11,9 @@
 #include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "core/common/rpc/fatal.h"
+#include "core/net/edge/frame_guard.h"
+#include "core/net/loop_clock.h"
+#include "core/net/protocol_guard.h"
 #include "core/net/send_buffer.h"
 
 namespace varnic::net {
@@ -18,8 +22,8 @@ namespace {
 // What RFC 9113, section 6.5.2, adds to the size of each field.
 constexpr std::size_t kHeaderOverhead = 32;
 
-// How many frames may wait for a peer that reads nothing.
-constexpr std::size_t kMaxQueuedFrames = 10'000;
+// A header block so many times larger than it may be is not even counted to its end.
+constexpr std::size_t kHopelesslyLarge = 4;
 
 // nghttp2 copies names and values, so views are enough.
 class NameValues {
@@ -57,9 +61,36 @@ std::string Describe(const nghttp2_goaway& goaway) {
                       absl::CHexEscape(text));
 }
 
+// nghttp2 has some of the limits itself. Here it has them as a second wall behind the guard, which
+// counts what it ends, and ends it with a reason.
+void SetFloodLimits(const FloodLimits& limits, nghttp2_option* options) {
+  constexpr uint64_t kAnyNumber = std::numeric_limits<uint32_t>::max();
+  nghttp2_option_set_stream_reset_rate_limit(options, kAnyNumber, kAnyNumber);
+  nghttp2_option_set_max_outbound_ack(options, kAnyNumber);
+  nghttp2_option_set_max_continuations(options, limits.continuations);
+}
+
+Http2Error ErrorOf(ProtocolFault fault) {
+  switch (fault) {
+    case ProtocolFault::kFrameTooLarge:
+      return Http2Error::kFrameSizeError;
+    case ProtocolFault::kStreamEnded:
+      return Http2Error::kStreamClosed;
+    case ProtocolFault::kStreamLeftOut:
+      break;
+  }
+  return Http2Error::kProtocolError;
+}
+
 bool EndsStream(const nghttp2_frame& frame) {
   return (frame.hd.flags & NGHTTP2_FLAG_END_STREAM) != 0 &&
          (frame.hd.type == NGHTTP2_DATA || frame.hd.type == NGHTTP2_HEADERS);
+}
+
+bool IsForStream(const nghttp2_frame& frame) {
+  return frame.hd.stream_id != 0 &&
+         (frame.hd.type == NGHTTP2_DATA || frame.hd.type == NGHTTP2_HEADERS ||
+          frame.hd.type == NGHTTP2_WINDOW_UPDATE);
 }
 
 }  // namespace
@@ -67,9 +98,12 @@ bool EndsStream(const nghttp2_frame& frame) {
 struct Http2Session::Stream {
   std::unique_ptr<Handler> handler;
   SendBuffer queue;
+  std::uint64_t sent = 0;  // Bytes that stood in the queue.
   bool end_after_queue = false;
   bool local_ended = false;
   bool remote_ended = false;
+  bool reset_here = false;  // For reasons of this end's own.
+  bool too_large = false;   // The last header block of the peer was, and was answered.
   std::vector<std::pair<std::string, std::string>> trailers;
 };
 
@@ -83,6 +117,8 @@ struct Http2Session::Callbacks {
     self.incoming_bytes_ = 0;
     if (frame->headers.cat == NGHTTP2_HCAT_REQUEST) {
       self.streams_[frame->hd.stream_id] = std::make_unique<Stream>();
+      self.last_opened_ = frame->hd.stream_id;
+      ++self.activity_.streams_opened;
     }
     return 0;
   }
@@ -92,7 +128,12 @@ struct Http2Session::Callbacks {
                       void* user_data) {
     Http2Session& self = Self(user_data);
     self.incoming_bytes_ += name_size + value_size + kHeaderOverhead;
-    if (self.incoming_bytes_ > self.options_.max_header_list_bytes) {
+    const std::size_t limit = self.options_.max_header_list_bytes;
+    if (self.incoming_bytes_ > limit && self.role_ == Role::kServer &&
+        self.incoming_bytes_ <= kHopelesslyLarge * limit) {
+      return 0;
+    }
+    if (self.incoming_bytes_ > limit) {
       SubmitReset(session, frame->hd.stream_id, Http2Error::kEnhanceYourCalm);
       return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // Ignores the rest of the block.
     }
@@ -103,8 +144,9 @@ struct Http2Session::Callbacks {
 
   static int OnDataChunk(nghttp2_session* /*session*/, uint8_t /*flags*/, int32_t stream_id,
                          const uint8_t* data, size_t size, void* user_data) {
-    Stream* stream = Self(user_data).Find(stream_id);
-    if (stream != nullptr && stream->handler != nullptr) {
+    Http2Session& self = Self(user_data);
+    Stream* stream = self.Find(stream_id);
+    if (stream != nullptr && stream->handler != nullptr && !self.broken_rule_.has_value()) {
       stream->handler->OnData({reinterpret_cast<const char*>(data), size});
     }
     return 0;
@@ -112,6 +154,7 @@ struct Http2Session::Callbacks {
 
   static int OnFrame(nghttp2_session* /*session*/, const nghttp2_frame* frame, void* user_data) {
     Http2Session& self = Self(user_data);
+    if (self.broken_rule_.has_value()) return 0;  // By an earlier frame of those that came at once.
     if (frame->hd.type == NGHTTP2_GOAWAY) {
       if (frame->goaway.error_code != NGHTTP2_NO_ERROR) {
         self.failure_ = absl::UnavailableError(
@@ -120,6 +163,9 @@ struct Http2Session::Callbacks {
       self.OnGoaway(frame->goaway.last_stream_id);
       return 0;
     }
+    const bool acknowledges = (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0;
+    if (frame->hd.type == NGHTTP2_SETTINGS && !acknowledges) self.activity_.greeted = true;
+    if (frame->hd.type == NGHTTP2_PING && !acknowledges) self.visitor_.OnPing();
     Stream* stream = self.Find(frame->hd.stream_id);
     if (stream == nullptr) return 0;
     if (frame->hd.type == NGHTTP2_HEADERS) self.OnHeaderBlock(frame->hd.stream_id, *stream);
@@ -139,9 +185,10 @@ struct Http2Session::Callbacks {
   static int OnFrameSent(nghttp2_session* session, const nghttp2_frame* frame, void* user_data) {
     Http2Session& self = Self(user_data);
     if (frame->hd.type == NGHTTP2_GOAWAY && frame->goaway.error_code != NGHTTP2_NO_ERROR) {
-      self.failure_ = absl::InvalidArgumentError(
-          absl::StrCat("the peer broke the protocol: ", Describe(frame->goaway)));
+      OnErrorSent(self, frame->goaway);
     }
+    if (IsForStream(*frame)) ++self.activity_.stream_frames_sent;
+    if (self.guard_ != nullptr) TellGuard(self, *frame);
     if (!EndsStream(*frame)) return 0;
     Stream* stream = self.Find(frame->hd.stream_id);
     if (stream == nullptr) return 0;
@@ -150,6 +197,31 @@ struct Http2Session::Callbacks {
       SubmitReset(session, frame->hd.stream_id, Http2Error::kNoError);
     }
     return 0;
+  }
+
+  // The session itself has found a fault, or a rule was broken.
+  static void OnErrorSent(Http2Session& self, const nghttp2_goaway& goaway) {
+    if (self.broken_rule_.has_value()) {
+      self.told_rule_ = true;
+    } else {
+      self.failure_ = absl::InvalidArgumentError(
+          absl::StrCat("the peer broke the protocol: ", Describe(goaway)));
+    }
+  }
+
+  // nghttp2 makes resets of its own for what the peer does wrong, none of them with NO_ERROR.
+  static void TellGuard(Http2Session& self, const nghttp2_frame& frame) {
+    const Stream* stream = self.Find(frame.hd.stream_id);
+    if (frame.hd.type == NGHTTP2_DATA) {
+      self.guard_->OnDataSent();
+    } else if (frame.hd.type == NGHTTP2_RST_STREAM) {
+      const bool wanted = frame.rst_stream.error_code == NGHTTP2_NO_ERROR ||
+                          (stream != nullptr && stream->reset_here);
+      self.EndIfBroken(self.guard_->OnResetSent(/*for_fault=*/!wanted, LoopClock::now()));
+    }
+    if (EndsStream(frame) && stream != nullptr && stream->too_large) {
+      self.EndIfBroken(self.guard_->OnFault(LoopClock::now()));
+    }
   }
 
   // A header block that nghttp2 finds too large: without an answer its stream would never end, and
@@ -176,9 +248,10 @@ struct Http2Session::Callbacks {
   }
 
   static ssize_t ReadData(nghttp2_session* session, int32_t stream_id, uint8_t* buffer, size_t size,
-                          uint32_t* flags, nghttp2_data_source* source, void* /*user_data*/) {
+                          uint32_t* flags, nghttp2_data_source* source, void* user_data) {
     Stream& stream = *static_cast<Stream*>(source->ptr);
     const std::size_t taken = stream.queue.Take(reinterpret_cast<char*>(buffer), size);
+    Self(user_data).CountSent(stream, taken);
     if (stream.queue.empty() && !stream.end_after_queue && stream.handler != nullptr) {
       stream.handler->OnSendQueueEmpty();
     }
@@ -221,6 +294,11 @@ void Http2Session::SessionDeleter::operator()(nghttp2_session* session) const {
 
 Http2Session::Http2Session(Role role, const Http2Options& options, Visitor& visitor)
     : role_(role), options_(options), visitor_(visitor) {
+  if (role == Role::kServer) {
+    protocol_guard_ = std::make_unique<ProtocolGuard>();
+    guard_ = std::make_unique<FrameGuard>(options.floods, options.max_concurrent_streams,
+                                          options.edge_counters);
+  }
   nghttp2_session_callbacks* callbacks;
   CheckOk(nghttp2_session_callbacks_new(&callbacks));
   nghttp2_session_callbacks_set_on_begin_headers_callback(callbacks, Callbacks::OnBeginHeaders);
@@ -236,6 +314,7 @@ Http2Session::Http2Session(Role role, const Http2Options& options, Visitor& visi
   nghttp2_option_set_no_closed_streams(nghttp2_options, 1);
   // Until the server's settings come, more than one stream may be more than it takes.
   nghttp2_option_set_peer_max_concurrent_streams(nghttp2_options, 1);
+  if (role == Role::kServer) SetFloodLimits(options.floods, nghttp2_options);
 
   nghttp2_session* session;
   CheckOk(role == Role::kServer
@@ -271,6 +350,24 @@ Http2Session::~Http2Session() = default;
 
 absl::Status Http2Session::ProcessBytes(std::string_view bytes) {
   if (closed_) return absl::UnavailableError("the connection is closed");
+  if (guard_ != nullptr && !broken_rule_.has_value()) {
+    EndIfBroken(guard_->OnBytes(bytes, LoopClock::now(),
+                                [this](StreamId stream_id) { return IsAnswered(stream_id); }));
+  }
+  if (broken_rule_.has_value()) return absl::OkStatus();
+  if (protocol_guard_ == nullptr) return Receive(bytes);
+  const auto [sound_bytes, fault] = protocol_guard_->Inspect(bytes);
+  const absl::Status status = Receive(bytes.substr(0, sound_bytes));
+  return status.ok() && fault.has_value() ? EndForFault(*fault) : status;
+}
+
+absl::Status Http2Session::EndForFault(ProtocolFault fault) {
+  SendGoaway(ErrorOf(fault), ToString(fault));
+  return absl::InvalidArgumentError(
+      absl::StrCat("the peer broke the protocol: ", std::string(ToString(fault))));
+}
+
+absl::Status Http2Session::Receive(std::string_view bytes) {
   const ssize_t result = nghttp2_session_mem_recv(
       session_.get(), reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   if (result >= 0) return absl::OkStatus();
@@ -282,7 +379,7 @@ absl::Status Http2Session::ProcessBytes(std::string_view bytes) {
 }
 
 void Http2Session::TakeOutput(std::size_t limit, std::string& output) {
-  while (!closed_ && output.size() < limit) {
+  while (!closed_ && !told_rule_ && output.size() < limit) {
     const uint8_t* data = nullptr;
     const ssize_t size = nghttp2_session_mem_send(session_.get(), &data);
     if (size <= 0) break;
@@ -292,15 +389,29 @@ void Http2Session::TakeOutput(std::size_t limit, std::string& output) {
   output_announced_ = false;
 }
 
-bool Http2Session::IsFlooded() const {
-  // Each open stream has its answer; the rest is resets and acknowledgements.
-  return role_ == Role::kServer && nghttp2_session_get_outbound_queue_size(session_.get()) >
-                                       kMaxQueuedFrames + options_.max_concurrent_streams;
+void Http2Session::OnOutputStuck() {
+  if (guard_ == nullptr || closed_) return;
+  EndIfBroken(guard_->OnWaiting(nghttp2_session_get_outbound_queue_size(session_.get())));
+}
+
+void Http2Session::EndFor(EdgeRule rule) {
+  if (closed_ || broken_rule_.has_value()) return;
+  if (options_.edge_counters != nullptr) options_.edge_counters->CountEnd(rule);
+  if (rule == EdgeRule::kIdle) return SendGoaway(Http2Error::kNoError, RuleName(rule));
+  broken_rule_ = rule;
+  failure_ = absl::ResourceExhaustedError(
+      absl::StrCat(std::string(RuleName(rule)), ": the peer does not keep to the limits"));
+  SendGoaway(Http2Error::kEnhanceYourCalm, RuleName(rule));
+}
+
+void Http2Session::EndIfBroken(std::optional<EdgeRule> rule) {
+  if (rule.has_value()) EndFor(*rule);
 }
 
 bool Http2Session::IsFinished() const {
-  return closed_ || (nghttp2_session_want_read(session_.get()) == 0 &&
-                     nghttp2_session_want_write(session_.get()) == 0);
+  return closed_ || told_rule_ ||
+         (nghttp2_session_want_read(session_.get()) == 0 &&
+          nghttp2_session_want_write(session_.get()) == 0);
 }
 
 StreamId Http2Session::OpenStream(absl::Span<const HeaderField> headers,
@@ -315,6 +426,7 @@ StreamId Http2Session::OpenStream(absl::Span<const HeaderField> headers,
                                                     /*stream_user_data=*/nullptr);
   if (stream_id < 0) return -1;
   streams_[stream_id] = std::move(stream);
+  ++activity_.streams_opened;
   AnnounceOutput();
   return stream_id;
 }
@@ -333,6 +445,7 @@ void Http2Session::SendHeaders(StreamId stream_id, absl::Span<const HeaderField>
 void Http2Session::SendData(StreamId stream_id, std::string bytes, bool end_stream) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
+  activity_.bytes_queued += bytes.size();
   stream->queue.Append(std::move(bytes));
   stream->end_after_queue = end_stream;
   ResumeData(stream_id);
@@ -341,6 +454,7 @@ void Http2Session::SendData(StreamId stream_id, std::string bytes, bool end_stre
 void Http2Session::SendSharedData(StreamId stream_id, std::shared_ptr<const std::string> bytes) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
+  activity_.bytes_queued += bytes->size();
   stream->queue.AppendShared(std::move(bytes));
   ResumeData(stream_id);
 }
@@ -364,18 +478,42 @@ void Http2Session::Reset(StreamId stream_id, Http2Error error) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
   // A request that waits for its turn is forgotten only then; what it would have sent, now.
+  activity_.bytes_queued -= stream->queue.bytes();
   stream->queue = SendBuffer();
   stream->end_after_queue = false;
+  stream->reset_here = true;
   Callbacks::SubmitReset(session_.get(), stream_id, error);
   AnnounceOutput();
 }
 
-void Http2Session::SendGoaway() {
+void Http2Session::SendGoaway(Http2Error error, std::string_view reason) {
   if (closed_) return;
   CheckOk(nghttp2_submit_goaway(session_.get(), NGHTTP2_FLAG_NONE,
                                 nghttp2_session_get_last_proc_stream_id(session_.get()),
-                                NGHTTP2_NO_ERROR, /*opaque_data=*/nullptr, 0));
+                                static_cast<uint32_t>(error),
+                                reinterpret_cast<const uint8_t*>(reason.data()), reason.size()));
   AnnounceOutput();
+}
+
+void Http2Session::SendPing() {
+  if (closed_) return;
+  CheckOk(nghttp2_submit_ping(session_.get(), NGHTTP2_FLAG_NONE, /*opaque_data=*/nullptr));
+  AnnounceOutput();
+}
+
+WaitingOutput Http2Session::FindWaitingOutput() const {
+  WaitingOutput output;
+  output.sent = activity_.bytes_sent;
+  output.queued = activity_.bytes_queued;
+  output.window_closed = nghttp2_session_get_remote_window_size(session_.get()) <= 0;
+  output.open_streams = streams_.size();
+  if (output.queued == 0) return output;
+  for (const auto& [stream_id, stream] : streams_) {
+    if (stream->queue.empty()) continue;
+    const int32_t window = nghttp2_session_get_stream_remote_window_size(session_.get(), stream_id);
+    output.streams.push_back({stream_id, stream->sent, stream->queue.bytes(), window == 0});
+  }
+  return output;
 }
 
 void Http2Session::CloseAllStreams() {
@@ -391,9 +529,29 @@ Http2Session::Stream* Http2Session::Find(StreamId stream_id) const {
 void Http2Session::OnHeaderBlock(StreamId stream_id, Stream& stream) {
   if (stream.handler == nullptr) {
     stream.handler = visitor_.OnNewStream(stream_id);
-    if (stream.handler == nullptr) return Reset(stream_id, Http2Error::kRefusedStream);
+    if (stream.handler == nullptr) {
+      return Callbacks::SubmitReset(session_.get(), stream_id, Http2Error::kRefusedStream);
+    }
+  }
+  if (incoming_bytes_ > options_.max_header_list_bytes) {
+    return OnLargeHeaderBlock(stream_id, stream);
   }
   stream.handler->OnHeaders(incoming_);
+}
+
+void Http2Session::OnLargeHeaderBlock(StreamId stream_id, Stream& stream) {
+  incoming_.Clear();
+  stream.too_large = true;
+  if (stream.handler->OnHeadersTooLarge(options_.max_header_list_bytes)) return;
+  stream.too_large = false;
+  Callbacks::SubmitReset(session_.get(), stream_id, Http2Error::kEnhanceYourCalm);
+}
+
+// Or was reset, or refused.
+bool Http2Session::IsAnswered(StreamId stream_id) const {
+  if (stream_id > last_opened_) return false;
+  const Stream* stream = Find(stream_id);
+  return stream == nullptr || stream->local_ended;
 }
 
 // Ends the streams that get no answer: those that the peer says it did not process, and those that
@@ -422,7 +580,14 @@ void Http2Session::Close(StreamId stream_id, Http2Error error) {
   if (found == streams_.end()) return;
   const std::unique_ptr<Stream> stream = std::move(found->second);
   streams_.erase(found);
+  activity_.bytes_queued -= stream->queue.bytes();
   if (stream->handler != nullptr) stream->handler->OnClosed(error);
+}
+
+void Http2Session::CountSent(Stream& stream, std::size_t bytes) {
+  stream.sent += bytes;
+  activity_.bytes_sent += bytes;
+  activity_.bytes_queued -= bytes;
 }
 
 void Http2Session::AnnounceOutput() {

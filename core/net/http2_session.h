@@ -4,24 +4,35 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "absl/container/flat_hash_map.h"
 #include "absl/status/status.h"
 #include "absl/types/span.h"
+#include "core/net/edge/edge_counters.h"
+#include "core/net/edge/flood_limits.h"
+#include "core/net/edge/stall_watch.h"
 #include "core/net/header_list.h"
 
 struct nghttp2_session;
 
 namespace varnic::net {
 
+class FrameGuard;
+class ProtocolGuard;
+enum class ProtocolFault;
+
 using StreamId = int32_t;
 
 // HTTP/2 error codes (RFC 9113, section 7): those that this code sends; a peer may send any.
 enum class Http2Error : uint32_t {
   kNoError = 0x0,
+  kProtocolError = 0x1,
   kInternalError = 0x2,
+  kStreamClosed = 0x5,
+  kFrameSizeError = 0x6,
   kRefusedStream = 0x7,
   kCancel = 0x8,
   kEnhanceYourCalm = 0xb,
@@ -34,9 +45,14 @@ struct Http2Options {
   // How much the peer may send on one stream, and on the connection, before it is read.
   uint32_t stream_window_bytes = 1 << 20;
   uint32_t connection_window_bytes = 4 << 20;
-  // The largest header block that the peer may send, counted as RFC 9113, section 6.5.2, does; a
-  // larger one resets its stream. However small on the wire, compression may make it huge.
-  uint32_t max_header_list_bytes = 64 << 10;
+  // The largest header block that the peer may send, counted as RFC 9113, section 6.5.2, does, with
+  // 32 bytes for each field besides its own. A larger one ends its stream: see
+  // Handler::OnHeadersTooLarge(). However small on the wire, compression may make it huge.
+  uint32_t max_header_list_bytes = 16 << 10;
+  // A server's: what ends the connection of a client that floods it.
+  FloodLimits floods;
+  // Where a server counts what its clients do; outlives the session. Null: nowhere.
+  EdgeCounters* edge_counters = nullptr;
 };
 
 // One end of an HTTP/2 connection: turns bytes from the peer into calls of a Visitor and of
@@ -57,6 +73,10 @@ class Http2Session {
     virtual ~Handler() = default;
     // A header block: the request's or the response's, an informational one, or trailers.
     virtual void OnHeaders(const HeaderList& headers) = 0;
+    // A server's, instead of OnHeaders: the block has more than the `limit` of bytes, and is gone.
+    // True if the handler answers that; otherwise the stream is reset with kEnhanceYourCalm, as it
+    // always is if the block is very much larger.
+    virtual bool OnHeadersTooLarge(std::size_t /*limit*/) { return false; }
     virtual void OnData(std::string_view chunk) = 0;  // Valid for the call.
     // The peer will send no more on this stream.
     virtual void OnRemoteEnd() = 0;
@@ -75,8 +95,20 @@ class Http2Session {
     virtual std::unique_ptr<Handler> OnNewStream(StreamId stream_id) = 0;
     // The peer takes no new streams (a client only).
     virtual void OnGoaway() = 0;
+    // The peer has sent a ping, which is answered.
+    virtual void OnPing() {}
     // There is output to take. Comes once, until the output was taken.
     virtual void OnOutputPending() = 0;
+  };
+
+  // What the connection has come to, for whoever watches over it.
+  struct Activity {
+    bool greeted = false;              // The peer's first SETTINGS have come.
+    std::uint64_t streams_opened = 0;  // By either side, over the connection's life.
+    std::uint64_t bytes_sent = 0;      // That stood in the queues of streams.
+    std::size_t bytes_queued = 0;      // That stand there now.
+    // Frames that carried something for a stream: HEADERS, DATA and WINDOW_UPDATE.
+    std::uint64_t stream_frames_sent = 0;
   };
 
   // `visitor` must outlive the session.
@@ -87,14 +119,20 @@ class Http2Session {
   ~Http2Session();
 
   // Feeds bytes from the peer. An error: they are no HTTP/2. Write what TakeOutput() gives, and
-  // close.
+  // close. Once broken_rule() is there, nothing is done with them.
   [[nodiscard]] absl::Status ProcessBytes(std::string_view bytes);
 
   // Appends frames to `output` until it holds `limit` bytes or there are no more.
   void TakeOutput(std::size_t limit, std::string& output);
 
-  // A server's: the peer keeps making this end answer and reads no answers.
-  bool IsFlooded() const;
+  // A server's: the peer takes no more output for now. Ends the connection if too much waits.
+  void OnOutputStuck();
+  // Ends the connection for a rule that the peer has broken, with a GOAWAY that names it, and
+  // counts that. Nothing is heard of the peer from now on; the session is finished when the GOAWAY
+  // is taken. An idle client has broken none: that is no more than a SendGoaway().
+  void EndFor(EdgeRule rule);
+  // The rule for which the connection ends.
+  const std::optional<EdgeRule>& broken_rule() const { return broken_rule_; }
 
   // The connection has nothing left to say or to hear: it was ended by a GOAWAY of either side.
   bool IsFinished() const;
@@ -120,9 +158,14 @@ class Http2Session {
   // Ends the stream behind what was sent, with a trailing header block.
   void SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers);
   void Reset(StreamId stream_id, Http2Error error);
-  // Tells the peer that the connection ends: new streams are not processed, open ones go on. The
-  // session is finished once the last of them is closed.
-  void SendGoaway();
+  // Tells the peer that the connection ends, and why: new streams are not processed, open ones go
+  // on. The session is finished once the last of them is closed.
+  void SendGoaway(Http2Error error = Http2Error::kNoError, std::string_view reason = {});
+  void SendPing();
+
+  const Activity& activity() const { return activity_; }
+  // What waits in the queues of streams, and for which windows. Takes time for each open stream.
+  WaitingOutput FindWaitingOutput() const;
 
   // The connection is lost: calls OnClosed of every stream, and neither hears nor says anything
   // from now on.
@@ -137,10 +180,16 @@ class Http2Session {
 
   void Greet();
   Stream* Find(StreamId stream_id) const;
+  absl::Status Receive(std::string_view bytes);
+  absl::Status EndForFault(ProtocolFault fault);
   void OnHeaderBlock(StreamId stream_id, Stream& stream);
+  void OnLargeHeaderBlock(StreamId stream_id, Stream& stream);
+  bool IsAnswered(StreamId stream_id) const;
+  void EndIfBroken(std::optional<EdgeRule> rule);
   void OnGoaway(StreamId last_processed);
   void ResumeData(StreamId stream_id);
   void Close(StreamId stream_id, Http2Error error);
+  void CountSent(Stream& stream, std::size_t bytes);
   void AnnounceOutput();
 
   const Role role_;
@@ -149,6 +198,13 @@ class Http2Session {
   bool output_announced_ = false;
   bool closed_ = false;
   absl::Status failure_;
+  std::optional<EdgeRule> broken_rule_;
+  bool told_rule_ = false;             // The GOAWAY that names the rule is taken.
+  std::unique_ptr<FrameGuard> guard_;  // A server's.
+  StreamId last_opened_ = 0;           // By the peer.
+  // A server's.
+  std::unique_ptr<ProtocolGuard> protocol_guard_;
+  Activity activity_;
   std::size_t incoming_bytes_ = 0;
   HeaderList incoming_;  // Header blocks never interleave (RFC 9113, section 4.3), so one will do.
   absl::flat_hash_map<StreamId, std::unique_ptr<Stream>> streams_;

@@ -573,6 +573,34 @@ TEST_F(Http2SessionTest, AFrameThatBreaksTheProtocolEndsTheConnectionAndSaysWhy)
   EXPECT_THAT(std::string(server_->failure().message()), HasSubstr("DATA"));
 }
 
+TEST_F(Http2SessionTest, DataAfterTheEndOfItsStreamEndsTheConnectionBehindWhatWasSound) {
+  const StreamId id = client_.Open();
+  client_->SendData(id, "question", /*end_stream=*/true);
+
+  const absl::Status status =
+      server_->ProcessBytes(client_.Take() + MakeFrame(/*DATA*/ 0, 0, id, "late"));
+  const absl::Status heard = client_->ProcessBytes(server_.Take());
+
+  EXPECT_THAT(std::string(status.message()), HasSubstr("a stream that the client has closed"));
+  EXPECT_THAT(server_.events(),
+              ElementsAre("headers 1 :method=POST :path=/call", "data 1 question", "end 1"));
+  EXPECT_EQ(heard, absl::OkStatus());
+  EXPECT_THAT(std::string(client_->failure().message()), HasSubstr("HTTP/2 error code 5"));
+}
+
+TEST_F(Http2SessionTest, DataThatWasOnItsWayWhenTheServerEndedItsStreamIsIgnored) {
+  const StreamId id = client_.Open();
+  Exchange();
+  server_->SendHeaders(id, {{":status", "200"}}, /*end_stream=*/true);
+  server_.Take();
+
+  client_->SendData(id, "late", /*end_stream=*/true);
+  const absl::Status status = server_->ProcessBytes(client_.Take());
+
+  EXPECT_EQ(status, absl::OkStatus());
+  EXPECT_THAT(server_.events(), ElementsAre("headers 1 :method=POST :path=/call", "closed 1 0"));
+}
+
 TEST_F(Http2SessionTest, GarbageInEveryPlaceEndsInAnErrorOrInNothing) {
   client_.Open();
   client_->SendData(1, "question", /*end_stream=*/true);

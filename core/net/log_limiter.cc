@@ -17,7 +17,7 @@ std::optional<std::uint64_t> LogLimiter::Admit(absl::Time now) {
 }
 
 std::string LogLimiter::More(std::uint64_t left_out) {
-  return left_out == 0 ? "" : absl::StrCat(" (and ", left_out, " more)");
+  return left_out == 0 ? "" : absl::StrCat(" left_out=", left_out);
 }
 
 }  // namespace varnic::net

@@ -20,7 +20,7 @@ class LogLimiter {
   // were left out since the last one. Nothing: leave it out.
   std::optional<std::uint64_t> Admit(absl::Time now = absl::Now());
 
-  // What to say about those that were left out: " (and 7 more)", or nothing.
+  // What to say about those that were left out: " left_out=7", or nothing.
   static std::string More(std::uint64_t left_out);
 
  private:

@@ -26,7 +26,7 @@ TEST(LogLimiterTest, AClockThatIsSetBackDoesNotSilenceIt) {
 
 TEST(LogLimiterTest, SaysHowManyWereLeftOut) {
   EXPECT_EQ(LogLimiter::More(0), "");
-  EXPECT_EQ(LogLimiter::More(7), " (and 7 more)");
+  EXPECT_EQ(LogLimiter::More(7), " left_out=7");
 }
 
 }  // namespace

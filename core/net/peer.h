@@ -27,7 +27,8 @@ struct Peer {
   // kTcp is nobody in particular: plain TCP tells nothing about the process at its other end.
   enum class Kind { kUnix, kTcp, kTls };
 
-  // For logs: "uid 1000 gid 1000 pid 4711", or "192.0.2.7:50112" and what the certificate says.
+  // The fields of a log record: `uid=1000 gid=1000 pid=4711`, or `peer=192.0.2.7:50112` and, with a
+  // certificate, ` subject="CN=reader" sha256=…`.
   std::string ToString() const;
 
   Kind kind = Kind::kTcp;

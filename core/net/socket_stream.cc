@@ -10,10 +10,13 @@
 #include <string>
 #include <utility>
 
+#include "absl/strings/match.h"
 #include "absl/strings/str_cat.h"
 #include "base/logging.h"
 #include "core/net/asio.h"
+#include "core/net/inherited_socket.h"
 #include "core/net/lifetime.h"
+#include "core/net/log_field.h"
 #include "core/net/log_limiter.h"
 
 namespace varnic::net {
@@ -162,11 +165,18 @@ class AsioListener : public Listener {
 
   void OnAccepted(const asio::error_code& error) {
     if (!error) return Accept();
-    if (logging::ShouldCreateLogMessage(logging::LOGGING_WARNING)) {
+    const std::optional<std::uint64_t> left_out = failures_.Admit();
+    if (left_out && logging::ShouldCreateLogMessage(logging::LOGGING_WARNING)) {
       logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_WARNING).stream()
-          << "Cannot accept a connection on " << address_.ToString() << ": " << error.message();
+          << "Cannot accept a connection" << LogField("address", address_.ToString())
+          << LogField("reason", error.message()) << LogLimiter::More(*left_out);
     }
     pause_.Start(kAcceptPause, [this] { Accept(); });
+  }
+
+  absl::Status Failure(const std::string& why) const {
+    return absl::FailedPreconditionError(
+        absl::StrCat("cannot listen on ", address_.ToString(), ": ", why));
   }
 
   const ListenerOptions options_;
@@ -177,9 +187,9 @@ class AsioListener : public Listener {
   // Drops the socket of a peer that may not come in.
   void Admit(typename Protocol::socket socket) {
     absl::StatusOr<Peer> peer = ReadPeer(socket);
-    if (!peer.ok()) return Refuse(std::string(peer.status().message()));
+    if (!peer.ok()) return Refuse(LogField("reason", std::string(peer.status().message())));
     if (peer->kind == Peer::Kind::kUnix && !options_.unix_admission.Admits(*peer)) {
-      return Refuse(peer->ToString());
+      return Refuse(absl::StrCat(" ", peer->ToString()));
     }
     on_accept_(MakeStream(std::move(socket), *std::move(peer)));
   }
@@ -189,7 +199,7 @@ class AsioListener : public Listener {
     const std::optional<std::uint64_t> left_out = refusals_.Admit();
     if (left_out && logging::ShouldCreateLogMessage(logging::LOGGING_WARNING)) {
       logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_WARNING).stream()
-          << "Refused a connection on " << address_.ToString() << ": " << who
+          << "Refused a connection" << LogField("address", address_.ToString()) << who
           << LogLimiter::More(*left_out);
     }
   }
@@ -197,6 +207,7 @@ class AsioListener : public Listener {
   Timer pause_;
   const OnAccept on_accept_;
   std::uint64_t refused_ = 0;
+  LogLimiter failures_;
   LogLimiter refusals_;
   Lifetime lifetime_;
 };
@@ -212,6 +223,16 @@ class UnixListener : public AsioListener<asio::local::stream_protocol> {
         info.st_ino == file_.st_ino) {
       unlink(address_.path.c_str());
     }
+  }
+
+  absl::Status Adopt(int fd, const Address& address) {
+    address_ = address;
+    asio::error_code error;
+    acceptor_.assign(asio::local::stream_protocol(), fd, error);
+    if (error) return Failure(error.message());
+    SetCloseOnExec(acceptor_);
+    Accept();
+    return absl::OkStatus();
   }
 
   absl::Status Start(const Address& address) {
@@ -256,11 +277,6 @@ class UnixListener : public AsioListener<asio::local::stream_protocol> {
     return absl::OkStatus();
   }
 
-  absl::Status Failure(const std::string& why) const {
-    return absl::FailedPreconditionError(
-        absl::StrCat("cannot listen on ", address_.ToString(), ": ", why));
-  }
-
   bool bound_ = false;
   struct stat file_ = {};  // Of the socket file, once bound.
 };
@@ -275,13 +291,21 @@ class TcpListener : public AsioListener<asio::ip::tcp> {
  public:
   using AsioListener::AsioListener;
 
+  absl::Status Adopt(int fd, const Address& address) {
+    address_ = address;
+    if (absl::Status status = CheckReach(); !status.ok()) return status;
+    const bool ipv6 = absl::StrContains(address.host, ':');
+    asio::error_code error;
+    acceptor_.assign(ipv6 ? asio::ip::tcp::v6() : asio::ip::tcp::v4(), fd, error);
+    if (error) return Failure(error.message());
+    SetCloseOnExec(acceptor_);
+    Accept();
+    return absl::OkStatus();
+  }
+
   absl::Status Start(const Address& address) {
     address_ = address;
-    if (!options_.beyond_loopback && !address.IsLoopback()) {
-      return absl::FailedPreconditionError(
-          absl::StrCat("cannot listen on ", address.ToString(),
-                       ": plain TCP is served on a loopback address only, such as 127.0.0.1"));
-    }
+    if (absl::Status status = CheckReach(); !status.ok()) return status;
     asio::error_code error;
     const asio::ip::tcp::endpoint endpoint(NumericAddress(address, error), address.port);
     if (!error) acceptor_.open(endpoint.protocol(), error);
@@ -290,12 +314,15 @@ class TcpListener : public AsioListener<asio::ip::tcp> {
     if (!error) acceptor_.bind(endpoint, error);
     if (!error) acceptor_.listen(Acceptor::max_listen_connections, error);
     if (!error) address_.port = acceptor_.local_endpoint(error).port();
-    if (error) {
-      return absl::FailedPreconditionError(
-          absl::StrCat("cannot listen on ", address.ToString(), ": ", error.message()));
-    }
+    if (error) return Failure(error.message());
     Accept();
     return absl::OkStatus();
+  }
+
+ private:
+  absl::Status CheckReach() const {
+    if (options_.beyond_loopback || address_.IsLoopback()) return absl::OkStatus();
+    return Failure("plain TCP is served on a loopback address only, such as 127.0.0.1");
   }
 };
 
@@ -305,6 +332,16 @@ absl::StatusOr<std::unique_ptr<Listener>> StartListener(EventLoop& loop, const A
                                                         const ListenerOptions& options) {
   auto listener = std::make_unique<ListenerType>(loop, std::move(on_accept), options);
   if (absl::Status status = listener->Start(address); !status.ok()) return status;
+  return std::unique_ptr<Listener>(std::move(listener));
+}
+
+template <class ListenerType>
+absl::StatusOr<std::unique_ptr<Listener>> AdoptListener(EventLoop& loop, int fd,
+                                                        const Address& address,
+                                                        Listener::OnAccept on_accept,
+                                                        const ListenerOptions& options) {
+  auto listener = std::make_unique<ListenerType>(loop, std::move(on_accept), options);
+  if (absl::Status status = listener->Adopt(fd, address); !status.ok()) return status;
   return std::unique_ptr<Listener>(std::move(listener));
 }
 
@@ -350,6 +387,17 @@ absl::StatusOr<std::unique_ptr<Listener>> Listener::Listen(EventLoop& loop, cons
     return StartListener<UnixListener>(loop, address, std::move(on_accept), options);
   }
   return StartListener<TcpListener>(loop, address, std::move(on_accept), options);
+}
+
+absl::StatusOr<std::unique_ptr<Listener>> Listener::Adopt(EventLoop& loop, int fd,
+                                                          OnAccept on_accept,
+                                                          const ListenerOptions& options) {
+  const absl::StatusOr<Address> address = InheritedAddress(fd);
+  if (!address.ok()) return address.status();
+  if (address->kind == Address::Kind::kUnix) {
+    return AdoptListener<UnixListener>(loop, fd, *address, std::move(on_accept), options);
+  }
+  return AdoptListener<TcpListener>(loop, fd, *address, std::move(on_accept), options);
 }
 
 std::unique_ptr<Connector> Connector::Connect(EventLoop& loop, const Address& address, Done done) {

@@ -33,6 +33,12 @@ class Listener {
   static absl::StatusOr<std::unique_ptr<Listener>> Listen(EventLoop& loop, const Address& address,
                                                           OnAccept on_accept,
                                                           const ListenerOptions& options = {});
+  // Accepts connections on a socket that this process was started with; see InheritedAddress(). The
+  // listener owns `fd` if this succeeds. Everything else is as above, but that the socket's file is
+  // the other's who has bound it: it keeps its mode, and stays when the listener goes.
+  static absl::StatusOr<std::unique_ptr<Listener>> Adopt(EventLoop& loop, int fd,
+                                                         OnAccept on_accept,
+                                                         const ListenerOptions& options = {});
   virtual ~Listener() = default;
 
   // Where it listens, with the port that the system has picked.

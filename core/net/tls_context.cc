@@ -11,6 +11,7 @@
 #include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "base/logging.h"
+#include "core/net/log_field.h"
 
 namespace varnic::net {
 namespace {
@@ -304,10 +305,14 @@ void TlsServerContext::Reload() {
   absl::StatusOr<SslContextHandle> context = LoadServerContext(options_);
   if (context.ok()) {
     context_ = *std::move(context);
+    if (!logging::ShouldCreateLogMessage(logging::LOGGING_INFO)) return;
+    logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_INFO).stream()
+        << "The TLS files have changed and are in use"
+        << LogField("certificate", options_.certificate_file);
   } else if (logging::ShouldCreateLogMessage(logging::LOGGING_ERROR)) {
     logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_ERROR).stream()
-        << "The TLS files have changed and cannot be used; the former ones stay in use: "
-        << context.status().message();
+        << "The TLS files have changed and cannot be used; the former ones stay in use"
+        << LogField("reason", std::string(context.status().message()));
   }
 }
 

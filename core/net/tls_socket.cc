@@ -7,6 +7,8 @@
 
 #include "absl/strings/str_cat.h"
 #include "base/logging.h"
+#include "core/net/inherited_socket.h"
+#include "core/net/log_field.h"
 #include "core/net/log_limiter.h"
 #include "core/net/tls_stream.h"
 
@@ -23,21 +25,31 @@ class TlsListener : public Listener {
         on_accept_(std::move(on_accept)) {}
 
   absl::Status Start(const Address& address) {
-    ListenerOptions options;
-    options.beyond_loopback = true;
-    absl::StatusOr<std::unique_ptr<Listener>> listener = Listen(
-        loop_, address,
-        [this](std::unique_ptr<ByteStream> stream) { Handshake(std::move(stream)); }, options);
-    if (!listener.ok()) return listener.status();
-    listener_ = *std::move(listener);
-    return absl::OkStatus();
+    return Keep(Listen(loop_, address, Handshaker(), SocketOptions()));
   }
+  absl::Status Start(int fd) { return Keep(Adopt(loop_, fd, Handshaker(), SocketOptions())); }
 
   const Address& address() const override { return listener_->address(); }
   std::uint64_t refused() const override { return listener_->refused() + refused_; }
 
  private:
   using Handshakes = std::list<std::unique_ptr<TlsStream>>;
+
+  static ListenerOptions SocketOptions() {
+    ListenerOptions options;
+    options.beyond_loopback = true;
+    return options;
+  }
+
+  OnAccept Handshaker() {
+    return [this](std::unique_ptr<ByteStream> stream) { Handshake(std::move(stream)); };
+  }
+
+  absl::Status Keep(absl::StatusOr<std::unique_ptr<Listener>> listener) {
+    if (!listener.ok()) return listener.status();
+    listener_ = *std::move(listener);
+    return absl::OkStatus();
+  }
 
   void Handshake(std::unique_ptr<ByteStream> socket) {
     if (!handshakes_.empty() && handshakes_.size() >= options_.max_handshakes) {
@@ -65,8 +77,9 @@ class TlsListener : public Listener {
     const std::optional<std::uint64_t> left_out = refusals_.Admit();
     if (left_out && logging::ShouldCreateLogMessage(logging::LOGGING_WARNING)) {
       logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_WARNING).stream()
-          << "Refused a connection of " << peer.ToString() << " on " << address().ToString() << ": "
-          << status.message() << LogLimiter::More(*left_out);
+          << "Refused a connection" << LogField("address", address().ToString()) << " "
+          << peer.ToString() << LogField("reason", std::string(status.message()))
+          << LogLimiter::More(*left_out);
     }
   }
 
@@ -79,6 +92,27 @@ class TlsListener : public Listener {
   std::unique_ptr<Listener> listener_;
   Handshakes handshakes_;  // The oldest first.
 };
+
+// Listens on `where`: an address, or an inherited socket of that address.
+template <class Where>
+absl::StatusOr<std::unique_ptr<Listener>> StartTls(EventLoop& loop, const Where& where,
+                                                   const Address& address,
+                                                   const TlsServerOptions& options,
+                                                   Listener::OnAccept on_accept) {
+  if (address.kind != Address::Kind::kTcp) {
+    return absl::InvalidArgumentError(
+        absl::StrCat("cannot listen on ", address.ToString(), ": TLS is for TCP addresses"));
+  }
+  absl::StatusOr<std::unique_ptr<TlsServerContext>> context = TlsServerContext::Create(options);
+  if (!context.ok()) {
+    return absl::FailedPreconditionError(absl::StrCat("cannot listen on ", address.ToString(),
+                                                      " with TLS: ", context.status().message()));
+  }
+  auto listener =
+      std::make_unique<TlsListener>(loop, options, *std::move(context), std::move(on_accept));
+  if (absl::Status status = listener->Start(where); !status.ok()) return status;
+  return std::unique_ptr<Listener>(std::move(listener));
+}
 
 class TlsConnector : public Connector {
  public:
@@ -126,19 +160,15 @@ class TlsConnector : public Connector {
 absl::StatusOr<std::unique_ptr<Listener>> ListenTls(EventLoop& loop, const Address& address,
                                                     const TlsServerOptions& options,
                                                     Listener::OnAccept on_accept) {
-  if (address.kind != Address::Kind::kTcp) {
-    return absl::InvalidArgumentError(
-        absl::StrCat("cannot listen on ", address.ToString(), ": TLS is for TCP addresses"));
-  }
-  absl::StatusOr<std::unique_ptr<TlsServerContext>> context = TlsServerContext::Create(options);
-  if (!context.ok()) {
-    return absl::FailedPreconditionError(absl::StrCat("cannot listen on ", address.ToString(),
-                                                      " with TLS: ", context.status().message()));
-  }
-  auto listener =
-      std::make_unique<TlsListener>(loop, options, *std::move(context), std::move(on_accept));
-  if (absl::Status status = listener->Start(address); !status.ok()) return status;
-  return std::unique_ptr<Listener>(std::move(listener));
+  return StartTls(loop, address, address, options, std::move(on_accept));
+}
+
+absl::StatusOr<std::unique_ptr<Listener>> AdoptTls(EventLoop& loop, int fd,
+                                                   const TlsServerOptions& options,
+                                                   Listener::OnAccept on_accept) {
+  const absl::StatusOr<Address> address = InheritedAddress(fd);
+  if (!address.ok()) return address.status();
+  return StartTls(loop, fd, *address, options, std::move(on_accept));
 }
 
 std::unique_ptr<Connector> ConnectTls(EventLoop& loop, const Address& address,

@@ -16,6 +16,11 @@ absl::StatusOr<std::unique_ptr<Listener>> ListenTls(EventLoop& loop, const Addre
                                                     const TlsServerOptions& options,
                                                     Listener::OnAccept on_accept);
 
+// The same on a TCP socket that this process was started with; see Listener::Adopt().
+absl::StatusOr<std::unique_ptr<Listener>> AdoptTls(EventLoop& loop, int fd,
+                                                   const TlsServerOptions& options,
+                                                   Listener::OnAccept on_accept);
+
 // Connects to a TCP address and does the TLS handshake there; the rest is as with
 // Connector::Connect(). `context` must outlive the connector.
 std::unique_ptr<Connector> ConnectTls(EventLoop& loop, const Address& address,

@@ -192,8 +192,8 @@ TEST_F(AdmissionTest, WhoIsNotListedIsClosedAndCounted) {
   const std::string log = ::testing::internal::GetCapturedStderr();
 
   EXPECT_EQ(listener_->refused(), 2u);
-  EXPECT_THAT(log, HasSubstr("Refused a connection on unix://" + path_ + ": uid " +
-                             std::to_string(geteuid()) + " gid "));
+  EXPECT_THAT(log, HasSubstr("Refused a connection address=unix://" + path_ +
+                             " uid=" + std::to_string(geteuid()) + " gid="));
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
 }
 

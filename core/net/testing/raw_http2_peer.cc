@@ -64,6 +64,11 @@ struct RawHttp2Peer::Callbacks {
       case NGHTTP2_GOAWAY:
         Note(self,
              absl::StrCat("GOAWAY ", frame->goaway.last_stream_id, " ", frame->goaway.error_code));
+        self.goaway_text_.assign(reinterpret_cast<const char*>(frame->goaway.opaque_data),
+                                 frame->goaway.opaque_data_len);
+        break;
+      case NGHTTP2_PING:
+        if ((frame->hd.flags & NGHTTP2_FLAG_ACK) == 0) Note(self, "PING");
         break;
       default:
         break;
@@ -173,6 +178,10 @@ void RawHttp2Peer::Reset(int32_t stream_id, uint32_t error_code) {
 void RawHttp2Peer::Goaway(int32_t last_stream_id, uint32_t error_code, const std::string& text) {
   nghttp2_submit_goaway(session_.get(), NGHTTP2_FLAG_NONE, last_stream_id, error_code,
                         reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+void RawHttp2Peer::Ping() {
+  nghttp2_submit_ping(session_.get(), NGHTTP2_FLAG_NONE, /*opaque_data=*/nullptr);
 }
 
 void RawHttp2Peer::Read(int32_t stream_id, int32_t bytes) {

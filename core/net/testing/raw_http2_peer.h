@@ -37,6 +37,7 @@ class RawHttp2Peer {
   void Trailers(int32_t stream_id, const Fields& fields);
   void Reset(int32_t stream_id, uint32_t error_code);
   void Goaway(int32_t last_stream_id, uint32_t error_code = 0, const std::string& text = "");
+  void Ping();
   // Gives back flow-control window: `stream_id` 0 is the connection's.
   void Read(int32_t stream_id, int32_t bytes);
 
@@ -44,8 +45,11 @@ class RawHttp2Peer {
   void Receive(std::string_view bytes);
 
   // What was received: "HEADERS 1 :status=200 ...", "DATA 1 bytes" (adjacent ones are joined),
-  // "END 1", "RESET 1 8", "GOAWAY 0 code". Settings and window updates are left out.
+  // "END 1", "RESET 1 8", "GOAWAY 0 code", "PING" (which is answered). Settings and window updates
+  // are left out.
   const std::vector<std::string>& events() const { return events_; }
+  // What the last GOAWAY gave as its reason.
+  const std::string& goaway_text() const { return goaway_text_; }
   // All DATA of a stream.
   const std::string& body(int32_t stream_id) { return bodies_[stream_id]; }
 
@@ -64,6 +68,7 @@ class RawHttp2Peer {
   std::map<int32_t, std::string> bodies_;
   std::string fields_;
   std::vector<std::string> events_;
+  std::string goaway_text_;
   int32_t last_data_ = 0;  // The stream of the last event, if that is DATA.
   std::unique_ptr<nghttp2_session, SessionDeleter> session_;
 };

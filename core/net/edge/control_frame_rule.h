@@ -1,0 +1,33 @@
+#ifndef CORE_NET_EDGE_CONTROL_FRAME_RULE_H_
+#define CORE_NET_EDGE_CONTROL_FRAME_RULE_H_
+
+#include <cstdint>
+
+#include "core/net/edge/flood_limits.h"
+#include "core/net/edge/frame_scanner.h"
+#include "core/net/edge/token_bucket.h"
+
+namespace varnic::net {
+
+// How many frames a client may send that carry no call. Streams that it opens and DATA that it gets
+// pay for some (FloodLimits::control_frames_per_exchange); the rest has a rate of its own
+// (FloodLimits::control_frames). So the window updates and the pings of a client that reads much
+// never stop it, however fast the connection.
+class ControlFrameRule {
+ public:
+  explicit ControlFrameRule(const FloodLimits& limits);
+
+  // The client opens a stream, or is sent a DATA frame.
+  void OnExchange() { paid_ += per_exchange_; }
+  // False: one too many.
+  [[nodiscard]] bool OnFrame(const FrameHead& frame, TokenBucket::Time now);
+
+ private:
+  const uint32_t per_exchange_;
+  uint64_t paid_ = 0;  // Frames to come.
+  TokenBucket others_;
+};
+
+}  // namespace varnic::net
+
+#endif  // CORE_NET_EDGE_CONTROL_FRAME_RULE_H_
