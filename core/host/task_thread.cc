@@ -20,6 +20,7 @@ std::thread StartWithoutSignals(std::function<void()> run) {
 
 TaskThread::TaskThread(PostFunction post) : post_(std::move(post)) {
   thread_ = StartWithoutSignals([this] { RunTasks(); });
+  pthread_setname_np(thread_.native_handle(), "varnic-files");
 }
 
 TaskThread::~TaskThread() {

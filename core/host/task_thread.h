@@ -15,7 +15,7 @@ namespace varnic::host {
 //
 // The destructor waits for the tasks that were given, and hands over their results; it must not run
 // on the thread itself. The thread blocks every signal, so that those meant for the process reach
-// the threads that expect them.
+// the threads that expect them. Tools such as top show it as "varnic-files".
 class TaskThread {
  public:
   // Runs a function on the owner's thread, later; called on ours. A function that it drops takes a
