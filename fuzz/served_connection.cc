@@ -116,6 +116,13 @@ void ServedConnection::Drain() {
   loop_.RunPending();
 }
 
+// A status for every stream, and whatever a limit makes the server say.
+void ServedConnection::PassTime(absl::Duration duration) {
+  most_output_ += kOutputPerPush;
+  clock_.Advance(duration);
+  loop_.RunPending();
+}
+
 template <class T>
 void ServedConnection::Ask(CallbackCaller<T>& caller, const std::string& profile) {
   most_output_ += kOutputPerPush;
@@ -138,7 +145,7 @@ void ServedConnection::OnCall(net::GrpcServerCall& call, const net::GrpcRequestH
   if (method->descriptor->client_streaming() || method->descriptor->server_streaming()) {
     return streams_.Open(*method, call, head);
   }
-  UnaryCall::Start(*method, call, /*role=*/"");
+  UnaryCall::Start(*method, call, net::Metadata::FromHeaders(*head.headers), /*role=*/"");
 }
 
 void ServedConnection::OnConnectionClosed(net::GrpcServerConnection& /*connection*/,

@@ -7,11 +7,13 @@
 #include <string>
 #include <string_view>
 
+#include "absl/time/time.h"
 #include "core/common/rpc/stream/callback_caller.h"
 #include "core/common/rpc/stream/event_publisher.h"
 #include "core/net/event_loop.h"
 #include "core/net/grpc_server_connection.h"
 #include "core/net/testing/fake_byte_stream.h"
+#include "core/net/testing/fake_clock.h"
 #include "core/server/loop_scheduler.h"
 #include "core/server/service_table.h"
 #include "core/server/stream_table.h"
@@ -39,7 +41,7 @@ class FuzzedProfile final : public ::rpc::ProfileRpc {
 };
 
 // A server's one connection, in memory, with what the server has behind it. The target is the
-// client, and the host, which pushes events and asks questions.
+// client, and the host, which pushes events and asks questions. Time passes only when it says so.
 //
 // The destructor ends the connection, if nothing else has, and checks that nothing of it is left:
 // no stream, no entry in a registry, no question without an end.
@@ -64,6 +66,8 @@ class ServedConnection final : private net::GrpcServerConnection::Visitor {
   void AnswerKept() { profile_.AnswerKept(); }
   void Drain();
 
+  void PassTime(absl::Duration duration);
+
  private:
   void OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& head) override;
   void OnConnectionClosed(net::GrpcServerConnection& connection,
@@ -79,6 +83,7 @@ class ServedConnection final : private net::GrpcServerConnection::Visitor {
   int ends_ = 0;
   CallId last_access_ = 0;
 
+  net::testing::FakeClock clock_;
   net::testing::FakePeer peer_;
   net::EventLoop loop_;
   LoopScheduler scheduler_{loop_};

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "absl/time/time.h"
 #include "core/net/message_framing.h"
 #include "core/net/testing/raw_http2_peer.h"
 #include "fuzz/fuzz_input.h"
@@ -84,7 +85,7 @@ class ScriptedClient {
   }
 
   void HostStep() {
-    switch (input_.TakeBelow(6)) {
+    switch (input_.TakeBelow(7)) {
       case 0:
         return server_.Publish(Profile());
       case 1:
@@ -95,9 +96,19 @@ class ScriptedClient {
         return server_.Withdraw();
       case 4:
         return server_.AnswerKept();
+      case 5:
+        return server_.Drain();
       default:
-        server_.Drain();
+        PassTime();
     }
+  }
+
+  // Up to the ends of deadlines, and of what the server waits for. First the client answers.
+  void PassTime() {
+    Exchange();
+    constexpr absl::Duration kTimes[] = {absl::Nanoseconds(1), absl::Seconds(1),  absl::Seconds(10),
+                                         absl::Seconds(60),    absl::Minutes(15), absl::Hours(2)};
+    server_.PassTime(kTimes[input_.TakeBelow(std::size(kTimes))]);
   }
 
   void Exchange() {
@@ -121,6 +132,7 @@ class ScriptedClient {
     if (flags & 2) fields.emplace_back("varnic-framing", "envelope");
     if (flags & 4) fields.emplace_back("grpc-timeout", "1n");
     if (flags & 8) fields.emplace_back("grpc-encoding", "gzip");
+    if (flags & 32) fields.emplace_back("grpc-timeout", "15S");
     if (flags & 16) fields.emplace_back(input_.TakePiece(), input_.TakePiece());
     const int32_t stream = client_.Request(fields, (flags & 1) != 0);
     if (stream > 0) streams_.push_back(stream);

@@ -40,7 +40,7 @@ StreamKind KindOfStream(const google::protobuf::MethodDescriptor& method) {
   if (method.input_type() == method.output_type() && AnswersQuestions(*method.input_type())) {
     return StreamKind::kCallbacks;
   }
-  return StreamKind::kNone;
+  return StreamKind::kPlain;
 }
 
 EnvelopeGuard::EnvelopeGuard(const google::protobuf::MethodDescriptor& method,
@@ -53,7 +53,7 @@ EnvelopeGuard::EnvelopeGuard(const google::protobuf::MethodDescriptor& method,
       profile_id_(
           Field(*prototype.GetDescriptor(), "profile_id", FieldDescriptor::CPPTYPE_MESSAGE)),
       kind_oneof_(prototype.GetDescriptor()->FindOneofByName("kind")) {
-  VARNIC_CHECK(kind_ != StreamKind::kNone);
+  VARNIC_CHECK(kind_ == StreamKind::kEvents || kind_ == StreamKind::kCallbacks);
 }
 
 absl::Status EnvelopeGuard::Inspect(std::string_view payload, bool is_error, Content& content) {

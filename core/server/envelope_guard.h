@@ -13,10 +13,11 @@
 
 namespace varnic {
 
-// The two kinds of stream that a service can have, as its proto file tells them apart: a stream of
+// The kinds of bidirectional stream, as the proto file tells them apart: a stream of
 // rpc.EventSubscription asks for events, and one on which both sides send the same type, with
-// `bool subscribe = 2` and `response = 4` in a oneof `kind`, answers questions.
-enum class StreamKind { kEvents, kCallbacks, kNone };
+// `bool subscribe = 2` and `response = 4` in a oneof `kind`, answers questions. Any other one is
+// plain: it knows nothing of keys and call ids, and its class is the service's own.
+enum class StreamKind { kEvents, kCallbacks, kPlain, kNone };
 StreamKind KindOfStream(const google::protobuf::MethodDescriptor& method);
 
 // Looks at every message that a client sends on a stream before the stream does, and keeps away
@@ -40,7 +41,8 @@ class EnvelopeGuard {
     std::string key;
   };
 
-  // Of a method that is a stream. `prototype` is what its stream parses messages as.
+  // Of a method that is an event or a callback stream. `prototype` is what its stream parses
+  // messages as.
   EnvelopeGuard(const google::protobuf::MethodDescriptor& method,
                 const google::protobuf::Message& prototype);
 

@@ -3,9 +3,9 @@
 #include <optional>
 #include <utility>
 
-#include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "base/logging.h"
+#include "core/net/log_field.h"
 
 namespace varnic {
 namespace {
@@ -45,10 +45,13 @@ void PolicyFile::Reload() {
   absl::StatusOr<AccessPolicy> policy = ReadPolicy(path_);
   if (policy.ok()) {
     policy_ = *std::move(policy);
+    if (!logging::ShouldCreateLogMessage(logging::LOGGING_INFO)) return;
+    logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_INFO).stream()
+        << "The policy has changed and is in force" << net::LogField("policy", path_);
   } else if (logging::ShouldCreateLogMessage(logging::LOGGING_ERROR)) {
     logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_ERROR).stream()
-        << "The policy has changed and cannot be used; the former one stays in force: "
-        << policy.status().message();
+        << "The policy has changed and cannot be used; the former one stays in force"
+        << net::LogField("reason", std::string(policy.status().message()));
   }
 }
 
@@ -56,7 +59,7 @@ void PolicyFile::LogDenial(const net::Peer& peer, std::string_view method) {
   const std::optional<std::uint64_t> left_out = denials_.Admit();
   if (!left_out || !logging::ShouldCreateLogMessage(logging::LOGGING_WARNING)) return;
   logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_WARNING).stream()
-      << "Denied " << absl::Utf8SafeCHexEscape(std::string(method)) << " to " << peer.ToString()
+      << "Denied a call" << net::LogField("method", method) << " " << peer.ToString()
       << net::LogLimiter::More(*left_out);
 }
 

@@ -46,7 +46,7 @@ TEST_F(PolicyFileTest, DenialNamesTheMethodAndNotThePolicy) {
 
   EXPECT_EQ(status, absl::PermissionDeniedError("This client may not call /rpc.Profile/Name"));
   EXPECT_EQ(policy_->denied(), 1u);
-  EXPECT_THAT(log, HasSubstr("Denied /rpc.Profile/Name to "));
+  EXPECT_THAT(log, HasSubstr("Denied a call method=/rpc.Profile/Name peer="));
 }
 
 TEST_F(PolicyFileTest, ChangeIsInForceAtTheNextCall) {

@@ -3,9 +3,13 @@
 #include <utility>
 
 #include "absl/status/status.h"
+#include "base/logging.h"
 #include "core/common/rpc/fatal.h"
 #include "core/net/address.h"
+#include "core/net/edge/connection_cap.h"
+#include "core/net/log_field.h"
 #include "core/net/tls_socket.h"
+#include "core/server/protobuf_log.h"
 #include "core/server/unary_call.h"
 
 namespace varnic {
@@ -17,7 +21,14 @@ constexpr char kShuttingDown[] = "The host is shutting down";
 }  // namespace
 
 RpcServer::RpcServer(const ServerOptions& options)
-    : options_(options), streams_(loop_, options.streams), drain_timer_(loop_) {}
+    : options_(options), streams_(loop_, options.streams), drain_timer_(loop_) {
+  ProtobufLog::Install();
+  if (options.serve_health) AddBuiltIn(HealthService::Descriptor(), health_);
+  if (!options.serve_reflection) return;
+  for (const auto* descriptor : ReflectionService::Descriptors()) {
+    AddBuiltIn(*descriptor, reflection_);
+  }
+}
 
 RpcServer::~RpcServer() {
   VARNIC_CHECK(loop_.IsLoopThread());
@@ -28,9 +39,22 @@ RpcServer::~RpcServer() {
   }
 }
 
-void RpcServer::AddService(Service& service) {
+void RpcServer::AddService(Service& service, const ServiceOptions& options) {
   VARNIC_CHECK(loop_.IsLoopThread());
-  services_.Add(service);
+  services_.Add(service, options);
+  Announce(*service.GetDescriptor());
+}
+
+void RpcServer::AddBuiltIn(const google::protobuf::ServiceDescriptor& descriptor,
+                           CallHandler& handler) {
+  services_.Add(descriptor, handler);
+  Announce(descriptor);
+}
+
+void RpcServer::Announce(const google::protobuf::ServiceDescriptor& descriptor) {
+  calls_.Add(descriptor);
+  health_.SetServing(descriptor.full_name(), true);
+  if (options_.serve_reflection) reflection_.AddService(descriptor);
 }
 
 absl::StatusOr<std::string> RpcServer::Listen(const std::string& address,
@@ -38,10 +62,24 @@ absl::StatusOr<std::string> RpcServer::Listen(const std::string& address,
   VARNIC_CHECK(loop_.IsLoopThread());
   const auto parsed = net::Address::Parse(address);
   if (!parsed.ok()) return parsed.status();
-  auto on_accept = [this](std::unique_ptr<net::ByteStream> stream) { OnAccept(std::move(stream)); };
-  auto listener = options.tls.has_value() ? net::ListenTls(loop_, *parsed, *options.tls, on_accept)
-                                          : net::Listener::Listen(loop_, *parsed, on_accept,
-                                                                  {options.unix_admission, false});
+  return Keep(options.tls.has_value() ? net::ListenTls(loop_, *parsed, *options.tls, Accepter())
+                                      : net::Listener::Listen(loop_, *parsed, Accepter(),
+                                                              {options.unix_admission, false}));
+}
+
+absl::StatusOr<std::string> RpcServer::ListenOn(int fd, const ListenOptions& options) {
+  VARNIC_CHECK(loop_.IsLoopThread());
+  return Keep(options.tls.has_value()
+                  ? net::AdoptTls(loop_, fd, *options.tls, Accepter())
+                  : net::Listener::Adopt(loop_, fd, Accepter(), {options.unix_admission, false}));
+}
+
+net::Listener::OnAccept RpcServer::Accepter() {
+  return [this](std::unique_ptr<net::ByteStream> stream) { OnAccept(std::move(stream)); };
+}
+
+absl::StatusOr<std::string> RpcServer::Keep(
+    absl::StatusOr<std::unique_ptr<net::Listener>> listener) {
   if (!listener.ok()) return listener.status();
   listeners_.push_back(*std::move(listener));
   return listeners_.back()->address().ToString();
@@ -83,12 +121,27 @@ void RpcServer::Stop() {
 
 void RpcServer::Drain(absl::Duration patience) {
   VARNIC_CHECK(loop_.IsLoopThread());
-  if (std::exchange(draining_, true)) return Stop();
+  if (std::exchange(draining_, true)) return EndDrain("told to stop again");
+  if (logging::ShouldCreateLogMessage(logging::LOGGING_INFO)) {
+    logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_INFO).stream()
+        << "Draining connections=" << connections_.size() << " streams=" << streams_.open_streams()
+        << " patience=" << absl::FormatDuration(patience);
+  }
   StopListening();
+  health_.EndAll(absl::UnavailableError(kShuttingDown));
+  reflection_.EndAll(absl::UnavailableError(kShuttingDown));
   streams_.EndAll(absl::UnavailableError(kShuttingDown));
   for (const auto& [key, connection] : connections_) connection->SendGoaway();
-  if (connections_.empty()) return Stop();
-  drain_timer_.Start(patience, [this] { Stop(); });
+  if (connections_.empty()) return EndDrain("nothing is left");
+  drain_timer_.Start(patience, [this] { EndDrain("the time is up"); });
+}
+
+void RpcServer::EndDrain(const char* reason) {
+  if (logging::ShouldCreateLogMessage(logging::LOGGING_INFO)) {
+    logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_INFO).stream()
+        << "Drained connections_left=" << connections_.size() << net::LogField("reason", reason);
+  }
+  Stop();
 }
 
 void RpcServer::Post(std::function<void()> task) {
@@ -96,16 +149,48 @@ void RpcServer::Post(std::function<void()> task) {
 }
 
 void RpcServer::OnAccept(std::unique_ptr<net::ByteStream> stream) {
+  if (connections_.size() >= net::ConnectionCap(options_.max_connections)) return Refuse(*stream);
   net::GrpcServerOptions options;
   options.http2.max_concurrent_streams = options_.max_concurrent_streams;
+  options.http2.max_header_list_bytes = options_.max_header_list_bytes;
+  options.http2.floods = options_.floods;
+  options.http2.edge_counters = &edge_counters_;
   options.max_message_bytes = options_.max_message_bytes;
+  options.limits = options_.connections;
+  options.observer = &calls_.ForUnknown();
   net::GrpcServerConnection::Visitor& visitor = *this;
-  auto connection =
-      std::make_unique<net::GrpcServerConnection>(loop_, std::move(stream), options, visitor);
+  ++accepted_connections_;
+  auto connection = std::make_unique<net::GrpcServerConnection>(
+      loop_, CountTraffic(std::move(stream), traffic_), options, visitor);
+  LogConnection("Accepted a connection", connection->peer());
   connections_.emplace(connection.get(), std::move(connection));
 }
 
+void RpcServer::LogConnection(const char* what, const net::Peer& peer, const std::string& more) {
+  if (!logging::ShouldCreateLogMessage(logging::LOGGING_VERBOSE)) return;
+  logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_VERBOSE).stream()
+      << what << " " << peer.ToString() << more;
+}
+
+void RpcServer::Refuse(net::ByteStream& stream) {
+  ++formerly_refused_;
+  edge_counters_.CountEnd(net::EdgeRule::kConnections);
+  LogEnd(stream.peer(), net::EdgeRule::kConnections);
+  (void)stream.Write(net::RefusalOfConnection());  // As far as it goes.
+  stream.ShutdownWrite();
+}
+
+void RpcServer::LogEnd(const net::Peer& peer, net::EdgeRule rule) {
+  const std::optional<std::uint64_t> left_out = ends_logged_.Admit();
+  if (left_out && logging::ShouldCreateLogMessage(logging::LOGGING_WARNING)) {
+    logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_WARNING).stream()
+        << "Ended a connection" << net::LogField("rule", net::RuleName(rule)) << " "
+        << peer.ToString() << net::LogLimiter::More(*left_out);
+  }
+}
+
 void RpcServer::OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& head) {
+  call.Observe(calls_.ForCall(head.path));
   if (draining_) return call.Finish(absl::UnavailableError(kShuttingDown));
   std::string role;
   if (policy_ != nullptr) {
@@ -115,16 +200,21 @@ void RpcServer::OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& he
   }
   const auto method = services_.Find(head.path);
   if (!method.ok()) return call.Finish(method.status());
-  if (method->descriptor->client_streaming() || method->descriptor->server_streaming()) {
-    return streams_.Open(*method, call, head);
-  }
-  UnaryCall::Start(*method, call, std::move(role));
+  const bool is_stream =
+      method->descriptor->client_streaming() || method->descriptor->server_streaming();
+  if (is_stream) call.Observe(calls_.ForStream(head.path));
+  if (method->handler != nullptr) return method->handler->OnCall(*method->descriptor, call);
+  if (is_stream) return streams_.Open(*method, call, head);
+  UnaryCall::Start(*method, call, net::Metadata::FromHeaders(*head.headers), std::move(role));
 }
 
 void RpcServer::OnConnectionClosed(net::GrpcServerConnection& connection,
-                                   const absl::Status& /*status*/) {
+                                   const absl::Status& status) {
+  LogConnection("A connection has ended", connection.peer(),
+                net::LogField("reason", status.ok() ? "closed" : std::string(status.message())));
+  if (connection.ended_by().has_value()) LogEnd(connection.peer(), *connection.ended_by());
   connections_.erase(&connection);
-  if (draining_ && connections_.empty()) Stop();
+  if (draining_ && connections_.empty()) EndDrain("nothing is left");
 }
 
 }  // namespace varnic

@@ -7,10 +7,11 @@
 namespace varnic {
 
 ServerController::ServerController(absl::Time deadline, std::shared_ptr<const net::Peer> peer,
-                                   std::string role)
+                                   std::string role, net::Metadata metadata)
     : deadline_(deadline),
       peer_(peer != nullptr ? std::move(peer) : std::make_shared<const net::Peer>()),
-      role_(std::move(role)) {}
+      role_(std::move(role)),
+      metadata_(std::move(metadata)) {}
 
 ServerController::~ServerController() {
   if (on_cancel_ != nullptr) std::exchange(on_cancel_, nullptr)->Run();

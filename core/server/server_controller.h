@@ -5,10 +5,12 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "absl/status/status.h"
 #include "absl/time/time.h"
+#include "core/net/metadata.h"
 #include "core/net/peer.h"
 
 namespace varnic {
@@ -22,7 +24,8 @@ class ServerController final : public google::protobuf::RpcController {
  public:
   // Without a caller: for a call that came over no connection.
   explicit ServerController(absl::Time deadline = absl::InfiniteFuture(),
-                            std::shared_ptr<const net::Peer> peer = nullptr, std::string role = "");
+                            std::shared_ptr<const net::Peer> peer = nullptr, std::string role = "",
+                            net::Metadata metadata = {});
   // A closure that waits for a cancellation runs now, at the latest.
   ~ServerController() override;
 
@@ -45,6 +48,21 @@ class ServerController final : public google::protobuf::RpcController {
   // The role in which the server's policy lets the peer make this call; empty without a policy.
   const std::string& role() const { return role_; }
 
+  // What the client says about the call besides its request: its custom header fields, and its
+  // user-agent.
+  const net::Metadata& metadata() const { return metadata_; }
+  // What the answer says besides its response, ahead of it and behind it; reaches the client of a
+  // failed call, too. A key that is added twice is sent twice. An error leaves out the entry alone:
+  // see net::Metadata::Add() for what is allowed, and how much of it.
+  [[nodiscard]] absl::Status AddInitialMetadata(std::string_view key, std::string_view value) {
+    return initial_metadata_.Add(key, value);
+  }
+  [[nodiscard]] absl::Status AddTrailingMetadata(std::string_view key, std::string_view value) {
+    return trailing_metadata_.Add(key, value);
+  }
+  const net::Metadata& initial_metadata() const { return initial_metadata_; }
+  const net::Metadata& trailing_metadata() const { return trailing_metadata_; }
+
   // For the server: nobody waits for the answer any more. Runs the closure of NotifyOnCancel().
   void Cancel();
 
@@ -66,6 +84,9 @@ class ServerController final : public google::protobuf::RpcController {
   const absl::Time deadline_;
   const std::shared_ptr<const net::Peer> peer_;  // Never null.
   const std::string role_;
+  const net::Metadata metadata_;
+  net::Metadata initial_metadata_;
+  net::Metadata trailing_metadata_;
   absl::Status status_;
   bool canceled_ = false;
   google::protobuf::Closure* on_cancel_ = nullptr;

@@ -41,6 +41,28 @@ TEST(ServerControllerTest, KnowsItsDeadline) {
   EXPECT_EQ(ServerController(deadline).deadline(), deadline);
 }
 
+TEST(ServerControllerTest, KnowsWhatTheClientSaysOfTheCall) {
+  net::Metadata metadata;
+  ASSERT_TRUE(metadata.Add("x-trace", "7").ok());
+
+  const ServerController controller(absl::InfiniteFuture(), nullptr, "", metadata);
+
+  EXPECT_EQ(controller.metadata().Find("x-trace"), "7");
+  EXPECT_TRUE(ServerController().metadata().empty());
+}
+
+TEST(ServerControllerTest, KeepsWhatTheAnswerIsToSay) {
+  ServerController controller;
+
+  EXPECT_TRUE(controller.AddInitialMetadata("x-first", "1").ok());
+  EXPECT_TRUE(controller.AddTrailingMetadata("x-last", "2").ok());
+  EXPECT_FALSE(controller.AddInitialMetadata("grpc-status", "0").ok());
+
+  EXPECT_EQ(controller.initial_metadata().Find("x-first"), "1");
+  EXPECT_EQ(controller.initial_metadata().entries().size(), 1u);
+  EXPECT_EQ(controller.trailing_metadata().Find("x-last"), "2");
+}
+
 TEST(ServerControllerTest, SetFailedAloneIsUnknown) {
   ServerController controller;
 

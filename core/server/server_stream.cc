@@ -38,24 +38,24 @@ class ServerStream::Operation {
 };
 
 ServerStream::ServerStream(net::EventLoop& loop, const ServiceTable::Method& method,
-                           EnvelopeGuard& guard, StreamFraming framing, const StreamLimits& limits,
+                           EnvelopeGuard* guard, StreamFraming framing, const StreamLimits& limits,
                            net::GrpcServerCall& call, Owner& owner)
     : loop_(loop),
       guard_(guard),
       framing_(framing),
-      call_id_field_(CallIdField(*method.descriptor->output_type())),
+      call_id_field_(guard == nullptr ? 0 : CallIdField(*method.descriptor->output_type())),
       owner_(owner),
       call_(&call),
       bounds_(limits.subscriptions),
       outbound_(limits.outbound) {
   call.Accept(*this);
-  call.SendHeaders();
   stream_.reset(method.service->OpenStream(method.descriptor,
                                            StreamChannel(std::make_unique<ChannelEnd>(*this))));
+  if (stream_ != nullptr) call.SendHeaders();
 }
 
 ServerStream::~ServerStream() {
-  VARNIC_CHECK(completed_);
+  VARNIC_CHECK(!is_open());
 }
 
 void ServerStream::OnMessage(std::string_view message) {
@@ -83,8 +83,9 @@ absl::Status ServerStream::Decode(std::string_view message,
   } else {
     envelope.set_payload(message.data(), message.size());
   }
+  if (guard_ == nullptr) return absl::OkStatus();
   EnvelopeGuard::Content content;
-  const absl::Status status = guard_.Inspect(envelope.payload(), is_error, content);
+  const absl::Status status = guard_->Inspect(envelope.payload(), is_error, content);
   if (!status.ok()) return status;
   if (framing_ == StreamFraming::kTyped) envelope.set_call_id(content.call_id);
   is_error = is_error || content.has_error;
@@ -162,11 +163,15 @@ void ServerStream::Complete() {
   // What was sent before the end is sent, however slow the reader: it is bounded.
   while (call_ != nullptr && final_status_.ok() && !outbound_.empty()) SendOldest();
   if (call_ != nullptr) std::exchange(call_, nullptr)->Finish(final_status_);
+  if (!completed_) EndLater(absl::OkStatus());
 }
 
 void ServerStream::OnChannelDropped() {
   if (call_ == nullptr) return;
-  std::exchange(call_, nullptr)->Finish(absl::CancelledError("The host has dropped the stream"));
+  const bool was_open = is_open() || completed_;
+  std::exchange(call_, nullptr)
+      ->Finish(was_open ? absl::CancelledError("The host has dropped the stream")
+                        : absl::UnimplementedError("The host serves no such stream"));
 }
 
 void ServerStream::End(const absl::Status& status) {

@@ -1,6 +1,7 @@
 #ifndef CORE_SERVER_SERVER_STREAM_H_
 #define CORE_SERVER_SERVER_STREAM_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,8 +32,8 @@ struct StreamLimits {
 //
 // The stream object gets OnCompleted() exactly once, never from inside another of its operations,
 // and is destroyed when nothing of it is on the stack: after a half-close, a reset, the loss of the
-// connection, or a breach of a limit, whatever comes first and wherever it happens. RPC thread
-// only.
+// connection, a breach of a limit, or its own Complete(), whatever comes first and wherever it
+// happens. RPC thread only.
 class ServerStream final : private net::GrpcServerCall::Visitor {
  public:
   class Owner {
@@ -47,12 +48,20 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   };
 
   // Takes over `call`, opens the stream of `method`, and answers the client with the headers that
-  // say so. The loop, the guard and the owner outlive this.
-  ServerStream(net::EventLoop& loop, const ServiceTable::Method& method, EnvelopeGuard& guard,
+  // say so; or with UNIMPLEMENTED, if the service opens none. The loop, the guard, which is null
+  // for a plain stream, and the owner outlive this.
+  ServerStream(net::EventLoop& loop, const ServiceTable::Method& method, EnvelopeGuard* guard,
                StreamFraming framing, const StreamLimits& limits, net::GrpcServerCall& call,
                Owner& owner);
-  // Only after OnStreamEnded().
+  // Only after OnStreamEnded(), or if the stream was never open.
   ~ServerStream() override;
+
+  // Whether there is a stream object.
+  bool is_open() const { return stream_ != nullptr; }
+
+  std::size_t subscriptions() const { return bounds_.subscriptions(); }
+  // What waits for the client to read.
+  const OutboundQueue& outbound() const { return outbound_; }
 
   // Ends the stream with `status`, at once or when the operation that is running has returned.
   void End(const absl::Status& status);
@@ -88,7 +97,7 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   void DeliverCompleted();
 
   net::EventLoop& loop_;
-  EnvelopeGuard& guard_;
+  EnvelopeGuard* const guard_;
   const StreamFraming framing_;
   const int call_id_field_;
   Owner& owner_;

@@ -7,15 +7,24 @@
 
 namespace varnic {
 
-void ServiceTable::Add(Service& service) {
+void ServiceTable::Add(Service& service, const ServiceOptions& options) {
   const google::protobuf::ServiceDescriptor* descriptor = service.GetDescriptor();
   VARNIC_CHECK(descriptor != nullptr);
-  const bool is_new = services_.emplace(descriptor->full_name(), &service).second;
+  AddMethods(*descriptor, {&service, nullptr, options.plain_streams});
+}
+
+void ServiceTable::Add(const google::protobuf::ServiceDescriptor& descriptor,
+                       CallHandler& handler) {
+  AddMethods(descriptor, {nullptr, nullptr, /*plain_streams=*/false, &handler});
+}
+
+void ServiceTable::AddMethods(const google::protobuf::ServiceDescriptor& service, Method method) {
+  const bool is_new = services_.insert(service.full_name()).second;
   VARNIC_CHECK(is_new);
-  for (int i = 0; i < descriptor->method_count(); ++i) {
-    const google::protobuf::MethodDescriptor* method = descriptor->method(i);
-    methods_.emplace(absl::StrCat("/", descriptor->full_name(), "/", method->name()),
-                     Method{&service, method});
+  for (int i = 0; i < service.method_count(); ++i) {
+    method.descriptor = service.method(i);
+    methods_.emplace(absl::StrCat("/", service.full_name(), "/", method.descriptor->name()),
+                     method);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "absl/strings/str_cat.h"
+#include "core/server/health/health_service.h"
 #include "rpc/profile/profile.rpc.h"
 
 namespace varnic {
@@ -31,6 +32,18 @@ TEST_F(ServiceTableTest, FindsEveryMethodOfAService) {
     EXPECT_EQ(method->service, &service_);
     EXPECT_EQ(method->descriptor, descriptor.method(i));
   }
+}
+
+TEST_F(ServiceTableTest, MethodsOfAHandlerLeadToIt) {
+  HealthService health;
+  table_.Add(HealthService::Descriptor(), health);
+
+  const auto method = table_.Find("/grpc.health.v1.Health/Watch");
+
+  ASSERT_TRUE(method.ok()) << method.status();
+  EXPECT_EQ(method->handler, &health);
+  EXPECT_EQ(method->descriptor, HealthService::Descriptor().FindMethodByName("Watch"));
+  EXPECT_EQ(table_.Find("/rpc.Profile/Path")->handler, nullptr);
 }
 
 TEST_F(ServiceTableTest, UnknownServiceIsNamed) {

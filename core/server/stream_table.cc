@@ -15,7 +15,8 @@ StreamTable::~StreamTable() {
 
 void StreamTable::Open(const ServiceTable::Method& method, net::GrpcServerCall& call,
                        const net::GrpcRequestHead& head) {
-  if (KindOfStream(*method.descriptor) == StreamKind::kNone) {
+  const StreamKind kind = KindOfStream(*method.descriptor);
+  if (kind == StreamKind::kNone || (kind == StreamKind::kPlain && !method.plain_streams)) {
     return call.Finish(absl::UnimplementedError(absl::StrCat(
         method.descriptor->full_name(), " is neither an event stream nor a callback stream")));
   }
@@ -25,6 +26,7 @@ void StreamTable::Open(const ServiceTable::Method& method, net::GrpcServerCall& 
   ServerStream::Owner& owner = *this;
   auto stream =
       std::make_unique<ServerStream>(loop_, method, GuardOf(method), framing, limits_, call, owner);
+  if (!stream->is_open()) return;
   const ServerStream* key = stream.get();
   streams_.emplace(key, std::move(stream));
 }
@@ -41,11 +43,22 @@ void StreamTable::EndAll(const absl::Status& status) {
   }
 }
 
+StreamUsage StreamTable::Usage() const {
+  StreamUsage usage;
+  for (const auto& [key, stream] : streams_) {
+    usage.subscriptions += stream->subscriptions();
+    usage.waiting_messages += stream->outbound().messages();
+    usage.waiting_bytes += stream->outbound().bytes();
+  }
+  return usage;
+}
+
 void StreamTable::OnStreamEnded(ServerStream& stream) {
   streams_.erase(&stream);
 }
 
-EnvelopeGuard& StreamTable::GuardOf(const ServiceTable::Method& method) {
+EnvelopeGuard* StreamTable::GuardOf(const ServiceTable::Method& method) {
+  if (KindOfStream(*method.descriptor) == StreamKind::kPlain) return nullptr;
   std::unique_ptr<EnvelopeGuard>& guard = guards_[method.descriptor];
   if (guard == nullptr) {
     // An event stream decodes what the method takes, a callback stream what it returns.
@@ -55,7 +68,7 @@ EnvelopeGuard& StreamTable::GuardOf(const ServiceTable::Method& method) {
             : method.service->GetResponsePrototype(method.descriptor);
     guard = std::make_unique<EnvelopeGuard>(*method.descriptor, prototype);
   }
-  return *guard;
+  return guard.get();
 }
 
 }  // namespace varnic

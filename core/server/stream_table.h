@@ -16,6 +16,13 @@
 
 namespace varnic {
 
+// What the streams that are open keep together.
+struct StreamUsage {
+  std::size_t subscriptions = 0;
+  std::size_t waiting_messages = 0;
+  std::size_t waiting_bytes = 0;
+};
+
 // The streams that are open on one server. Owns them, and a guard for each streaming method. RPC
 // thread only.
 class StreamTable : private ServerStream::Owner {
@@ -28,7 +35,7 @@ class StreamTable : private ServerStream::Owner {
   ~StreamTable() override;
 
   // Takes over a call of a streaming method. UNIMPLEMENTED for a method that no stream class
-  // serves.
+  // serves; see ServiceOptions.
   void Open(const ServiceTable::Method& method, net::GrpcServerCall& call,
             const net::GrpcRequestHead& head);
 
@@ -36,6 +43,8 @@ class StreamTable : private ServerStream::Owner {
   void EndAll(const absl::Status& status);
 
   std::size_t open_streams() const { return streams_.size(); }
+  // Looks at every stream.
+  StreamUsage Usage() const;
   // Over the server's life.
   std::uint64_t conflated_events() const { return conflated_events_; }
   std::uint64_t slow_readers() const { return slow_readers_; }
@@ -45,7 +54,8 @@ class StreamTable : private ServerStream::Owner {
   void OnEventConflated() override { ++conflated_events_; }
   void OnSlowReader() override { ++slow_readers_; }
 
-  EnvelopeGuard& GuardOf(const ServiceTable::Method& method);
+  // Null for a plain stream.
+  EnvelopeGuard* GuardOf(const ServiceTable::Method& method);
 
   net::EventLoop& loop_;
   const StreamLimits limits_;

@@ -11,13 +11,15 @@
 namespace varnic {
 
 void UnaryCall::Start(const ServiceTable::Method& method, net::GrpcServerCall& call,
-                      std::string role) {
-  new UnaryCall(method, call, std::move(role));
+                      net::Metadata metadata, std::string role) {
+  new UnaryCall(method, call, std::move(metadata), std::move(role));
 }
 
 UnaryCall::UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call,
-                     std::string role)
-    : method_(method), call_(&call), controller_(call.deadline(), call.peer(), std::move(role)) {
+                     net::Metadata metadata, std::string role)
+    : method_(method),
+      call_(&call),
+      controller_(call.deadline(), call.peer(), std::move(role), std::move(metadata)) {
   call.Accept(*this);
 }
 
@@ -59,8 +61,9 @@ void UnaryCall::OnCancelled() {
 void UnaryCall::Run() {
   if (call_ != nullptr) {
     const absl::Status status = FinalStatus();
+    if (!controller_.initial_metadata().empty()) call_->SendHeaders(controller_.initial_metadata());
     if (status.ok()) call_->Send(net::FrameMessage(*response_));
-    call_->Finish(status);
+    call_->Finish(status, controller_.trailing_metadata());
   }
   delete this;
 }

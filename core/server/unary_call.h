@@ -24,10 +24,11 @@ class UnaryCall final : private net::GrpcServerCall::Visitor, private google::pr
  public:
   // Takes over `call`, which the peer makes in `role`.
   static void Start(const ServiceTable::Method& method, net::GrpcServerCall& call,
-                    std::string role);
+                    net::Metadata metadata, std::string role);
 
  private:
-  UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call, std::string role);
+  UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call, net::Metadata metadata,
+            std::string role);
   ~UnaryCall() override;
 
   void OnMessage(std::string_view message) override;

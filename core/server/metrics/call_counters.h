@@ -1,0 +1,94 @@
+#ifndef CORE_SERVER_METRICS_CALL_COUNTERS_H_
+#define CORE_SERVER_METRICS_CALL_COUNTERS_H_
+
+#include <google/protobuf/descriptor.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "absl/container/flat_hash_map.h"
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+#include "core/net/grpc_server_connection.h"
+
+namespace varnic {
+
+// How many of the durations that it was given lie in which bucket. One thread only.
+class DurationHistogram {
+ public:
+  // The longest duration of each bucket, in seconds. One bucket more takes what is longer.
+  static constexpr std::array<double, 17> kBounds = {0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005,
+                                                     0.01,   0.025,   0.05,   0.1,   0.25,   0.5,
+                                                     1,      2.5,     5,      10,    30};
+
+  void Add(absl::Duration duration);
+
+  const std::array<std::uint64_t, kBounds.size() + 1>& buckets() const { return buckets_; }
+  double sum_seconds() const { return sum_seconds_; }
+
+ private:
+  std::array<std::uint64_t, kBounds.size() + 1> buckets_ = {};
+  double sum_seconds_ = 0;
+};
+
+// How the calls that it observes have ended, and how long they took. RPC thread only.
+class CallEnds final : public net::CallObserver {
+ public:
+  static constexpr std::size_t kCodes = 17;  // gRPC's, from OK.
+
+  void OnCallEnded(absl::StatusCode code, absl::Duration duration) override;
+
+  const std::array<std::uint64_t, kCodes>& by_code() const { return by_code_; }
+  std::uint64_t total() const;
+  const DurationHistogram& durations() const { return durations_; }
+
+ private:
+  std::array<std::uint64_t, kCodes> by_code_ = {};
+  DurationHistogram durations_;
+};
+
+// What is counted of one method.
+struct MethodCounters {
+  std::uint64_t streams_open() const { return streams_opened - streams.total(); }
+
+  std::string label;  // Its path on the wire: "/rpc.Profile/Path".
+  bool is_stream = false;
+  CallEnds calls;  // But for those that became streams.
+  CallEnds streams;
+  std::uint64_t streams_opened = 0;
+};
+
+// The calls of one server. Room for every method is made when its service is added, and what is no
+// method of any counts as one, so nothing that a client sends takes memory here. RPC thread only.
+class CallCounters {
+ public:
+  CallCounters();
+
+  // Once for each service.
+  void Add(const google::protobuf::ServiceDescriptor& service);
+
+  // Who is to observe a call of the method at `path`; and who, once a stream takes over the call.
+  // Valid as long as the counters.
+  CallEnds& ForCall(std::string_view path) { return Of(path).calls; }
+  CallEnds& ForStream(std::string_view path);
+  // For calls of which not even the method is known.
+  CallEnds& ForUnknown() { return methods_.front()->calls; }
+
+  // In the order in which they were added, after the unknown one.
+  const std::vector<std::unique_ptr<MethodCounters>>& methods() const { return methods_; }
+
+ private:
+  MethodCounters& Of(std::string_view path);
+
+  std::vector<std::unique_ptr<MethodCounters>> methods_;
+  absl::flat_hash_map<std::string, MethodCounters*> by_path_;
+};
+
+}  // namespace varnic
+
+#endif  // CORE_SERVER_METRICS_CALL_COUNTERS_H_
