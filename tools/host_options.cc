@@ -40,6 +40,27 @@ absl::Status ReadAccounts(const CommandLine& line, const std::string& option,
   return absl::OkStatus();
 }
 
+void ReadListen(const CommandLine& line, const Environment& environment,
+                const std::vector<std::string>& inherited, HostOptions& options) {
+  if (line.Has("listen")) options.listen = line.options.at("listen");
+  if (!inherited.empty()) {
+    options.unused_listen = std::exchange(options.listen, inherited);
+  } else if (options.listen.empty()) {
+    options.default_listen = true;
+    options.listen = {DefaultAddress(environment)};
+  }
+}
+
+absl::Status ReadLog(const CommandLine& line, HostOptions& options) {
+  const absl::StatusOr<LogFormat> format = ParseLogFormat(line.Get("log-format", "text"));
+  if (!format.ok()) return Failure(line, "log-format", std::string(format.status().message()));
+  const absl::StatusOr<logging::LogSeverity> level = ParseLogLevel(line.Get("log-level", "info"));
+  if (!level.ok()) return Failure(line, "log-level", std::string(level.status().message()));
+  options.log_format = *format;
+  options.log_level = *level;
+  return absl::OkStatus();
+}
+
 absl::Status ReadAdmission(const CommandLine& line, HostOptions& options) {
   net::UnixAdmission& admission = options.unix_admission;
   absl::Status status = ReadAccounts(line, "allow-user", FindUser, admission.users);
@@ -52,8 +73,11 @@ absl::Status ReadAdmission(const CommandLine& line, HostOptions& options) {
                      "the default socket is in a folder that no other user can enter; name another "
                      "one with --listen unix:PATH");
     }
-    if (!AnyIs(net::Address::Kind::kUnix, options.listen)) {
-      return Failure(line, option, "is for Unix-domain sockets, and --listen names none");
+    if (!AnyIs(net::Address::Kind::kUnix, options.listen) &&
+        !AnyIs(net::Address::Kind::kUnix, {options.metrics})) {
+      return Failure(line, option,
+                     "is for Unix-domain sockets, and none is listened on; see --listen unix:PATH "
+                     "and --metrics");
     }
   }
   return absl::OkStatus();
@@ -71,7 +95,7 @@ absl::Status ReadTls(const CommandLine& line, HostOptions& options) {
   }
   if (!line.Has("tls-cert")) return absl::OkStatus();
   if (!AnyIs(net::Address::Kind::kTcp, options.listen)) {
-    return Failure(line, "tls-cert", "is for TCP, and --listen names no HOST:PORT");
+    return Failure(line, "tls-cert", "is for TCP, and none is listened on; see --listen HOST:PORT");
   }
   options.tls.emplace();
   options.tls->certificate_file = line.Get("tls-cert", "");
@@ -85,7 +109,8 @@ absl::Status ReadTls(const CommandLine& line, HostOptions& options) {
 }  // namespace
 
 absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arguments,
-                                             const Environment& environment) {
+                                             const Environment& environment,
+                                             const std::vector<std::string>& inherited) {
   const absl::StatusOr<CommandLine> line = ParseCommandLine(arguments, {{"listen", true},
                                                                         {"user-data-dir", true},
                                                                         {"user-agent", true},
@@ -97,6 +122,10 @@ absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arg
                                                                         {"tls-client-ca", true},
                                                                         {"tls-crl", true},
                                                                         {"policy", true},
+                                                                        {"metrics", true},
+                                                                        {"no-reflection", false},
+                                                                        {"log-format", true},
+                                                                        {"log-level", true},
                                                                         {"help", false},
                                                                         {"version", false}});
   if (!line.ok()) return line.status();
@@ -107,16 +136,20 @@ absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arg
   HostOptions options;
   options.help = line->Has("help");
   options.version = line->Has("version");
-  options.default_listen = !line->Has("listen");
-  options.listen = options.default_listen ? std::vector<std::string>{DefaultAddress(environment)}
-                                          : line->options.at("listen");
+  ReadListen(*line, environment, inherited, options);
   for (const char* option : {"tls-cert", "tls-key", "tls-client-ca", "tls-crl", "policy"}) {
     if (line->Has(option) && line->Get(option, "").empty()) {
       return Failure(*line, option, "needs the path of a file");
     }
   }
   options.policy = line->Get("policy", "");
-  absl::Status status = ReadAdmission(*line, options);
+  if (line->Has("metrics") && line->Get("metrics", "").empty()) {
+    return Failure(*line, "metrics", "needs an address");
+  }
+  options.metrics = line->Get("metrics", "");
+  options.reflection = !line->Has("no-reflection");
+  absl::Status status = ReadLog(*line, options);
+  if (status.ok()) status = ReadAdmission(*line, options);
   if (status.ok()) status = ReadTls(*line, options);
   if (!status.ok()) return status;
   options.default_user_data_dir = !line->Has("user-data-dir");
@@ -142,7 +175,8 @@ Serves the profiles of a Chromium user-data directory to gRPC clients.
 
   --listen ADDRESS       where clients connect: unix:PATH, or HOST:PORT on a
                          loopback address (port 0: any free one); with TLS, on
-                         any address. May be given more than once.
+                         any address. May be given more than once. Sockets that
+                         systemd passes take the place of all of them.
                          Default: )",
       DefaultAddress(environment), R"(
   --user-data-dir DIR    an existing user-data directory.
@@ -165,11 +199,21 @@ Serves the profiles of a Chromium user-data directory to gRPC clients.
   --policy FILE          which clients may call which methods, in JSON; see
                          docs/security.md. Default: all who may connect, all.
                          Files that change are read again by themselves.
+  --metrics ADDRESS      serve metrics for Prometheus at /metrics over HTTP:
+                         unix:PATH, for those who may connect to the others,
+                         or HOST:PORT on a loopback address, for everybody on
+                         this machine. See docs/operations.md.
+  --no-reflection        do not tell clients what the methods look like
+  --log-format FORMAT    log records, on standard error, as lines of text or
+                         of json. Default: text
+  --log-level LEVEL      log records of this level and above: debug, info,
+                         warning or error. Default: info
   --help                 print this text
   --version              print the version
 
-Ctrl-C or SIGTERM ends it. Exit status: 0 after that, 1 if it cannot serve,
-2 if the command line is wrong.
+Ctrl-C or SIGTERM ends it, once the calls that are open have ended or 10 seconds
+have passed; another one ends it at once. Exit status: 0 after that, 1 if it
+cannot serve, 2 if the command line is wrong. See docs/operations.md.
 )");
 }
 

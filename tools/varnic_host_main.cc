@@ -1,23 +1,33 @@
 // varnic-host: serves the profiles of one user-data directory until it is told to stop.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "absl/strings/str_cat.h"
+#include "absl/strings/str_join.h"
+#include "base/logging.h"
 #include "core/host/profile_host.h"
 #include "core/host/user_data_dir.h"
 #include "core/net/address.h"
 #include "core/net/event_loop.h"
+#include "core/net/log_field.h"
 #include "core/net/tls_context.h"
+#include "core/server/metrics/metrics_endpoint.h"
+#include "core/server/metrics/server_metrics.h"
 #include "core/server/rpc_server.h"
 #include "tools/ctl_location.h"
 #include "tools/default_paths.h"
 #include "tools/host_options.h"
+#include "tools/log_output.h"
+#include "tools/service_manager.h"
 #include "tools/version.h"
 
 namespace varnic::tools {
@@ -28,9 +38,21 @@ constexpr absl::Duration kPatience = absl::Seconds(10);
 
 enum ExitCode { kStopped = 0, kCannotServe = 1, kUsage = 2 };
 
-int Fail(ExitCode code, const std::string& text) {
+// A wrong command line is a person's doing, and told to that person.
+int FailUsage(const std::string& text) {
   std::fprintf(stderr, "varnic-host: %s\n", text.c_str());
-  return code;
+  return kUsage;
+}
+
+// `line` is the caller's.
+void Log(logging::LogSeverity severity, const std::string& text, int line = __builtin_LINE()) {
+  if (!logging::ShouldCreateLogMessage(severity)) return;
+  logging::LogMessage(__FILE__, line, severity).stream() << text;
+}
+
+int Fail(const std::string& text, int line = __builtin_LINE()) {
+  Log(logging::LOGGING_ERROR, text, line);
+  return kCannotServe;
 }
 
 std::string Text(const absl::Status& status) {
@@ -42,10 +64,12 @@ absl::StatusOr<host::UserDataDir> OpenUserData(const HostOptions& options) {
                                        : host::UserDataDir::Open(options.user_data_dir);
 }
 
-// Tells a person what is served where, and what to try first.
-void Announce(const HostOptions& options, const std::vector<std::string>& addresses) {
+// Tells a person what is served where, and what to try first. `metrics` is null if there are none.
+void Announce(const HostOptions& options, const std::vector<std::string>& addresses,
+              const MetricsEndpoint* metrics) {
   std::printf("Serving the profiles in %s\n", options.user_data_dir.c_str());
   for (const std::string& address : addresses) std::printf("Listening on %s\n", address.c_str());
+  if (metrics != nullptr) std::printf("Metrics on %s\n", metrics->address().c_str());
   const std::string target =
       options.default_listen ? "" : absl::StrCat("--target ", addresses.front(), " ");
   std::printf("Try: %s %spath\n", CtlProgram(std::getenv).c_str(), target.c_str());
@@ -57,22 +81,86 @@ void WarnOfStrangers(const HostOptions& options, const net::Address& address) {
   if (address.IsLoopback() || !options.tls->client_ca_file.empty() || !options.policy.empty()) {
     return;
   }
-  std::fprintf(stderr,
-               "varnic-host: warning: whoever can reach %s may call every method; "
-               "--tls-client-ca or --policy would keep strangers out\n",
-               address.ToString().c_str());
+  Log(logging::LOGGING_WARNING,
+      absl::StrCat("whoever can reach ", address.ToString(),
+                   " may call every method; --tls-client-ca or --policy would keep strangers out"));
+}
+
+ListenOptions OptionsFor(const net::Address& address, const HostOptions& options) {
+  ListenOptions listen_options;
+  listen_options.unix_admission = options.unix_admission;
+  if (address.kind == net::Address::Kind::kTcp && options.tls.has_value()) {
+    WarnOfStrangers(options, address);
+    listen_options.tls = options.tls;
+  }
+  return listen_options;
 }
 
 absl::StatusOr<std::string> Listen(RpcServer& server, const HostOptions& options,
                                    const std::string& text) {
-  ListenOptions listen_options;
-  listen_options.unix_admission = options.unix_admission;
   const absl::StatusOr<net::Address> address = net::Address::Parse(text);
-  if (address.ok() && address->kind == net::Address::Kind::kTcp && options.tls.has_value()) {
-    WarnOfStrangers(options, *address);
-    listen_options.tls = options.tls;
+  if (!address.ok()) return address.status();
+  return server.Listen(text, OptionsFor(*address, options));
+}
+
+absl::Status NameSource(const std::string& source, const absl::Status& status) {
+  return absl::Status(status.code(), absl::StrCat(source, ": ", status.message()));
+}
+
+// The addresses that clients can use: those of the inherited sockets, or else of the options.
+absl::StatusOr<std::vector<std::string>> ListenEverywhere(
+    RpcServer& server, const HostOptions& options, const std::vector<InheritedSocket>& inherited) {
+  std::vector<std::string> addresses;
+  for (const InheritedSocket& socket : inherited) {
+    absl::StatusOr<std::string> address =
+        server.ListenOn(socket.fd, OptionsFor(socket.address, options));
+    if (!address.ok()) {
+      return NameSource(absl::StrCat("file descriptor ", socket.fd), address.status());
+    }
+    addresses.push_back(*std::move(address));
   }
-  return server.Listen(text, listen_options);
+  if (!inherited.empty()) return addresses;
+  for (const std::string& listen : options.listen) {
+    absl::StatusOr<std::string> address = Listen(server, options, listen);
+    if (!address.ok()) return NameSource("--listen", address.status());
+    addresses.push_back(*std::move(address));
+  }
+  return addresses;
+}
+
+// Tells whoever operates this what is served where.
+void LogAddresses(const HostOptions& options, const std::vector<std::string>& addresses,
+                  const MetricsEndpoint* metrics) {
+  for (const std::string& address : options.unused_listen) {
+    Log(logging::LOGGING_WARNING,
+        absl::StrCat("Not listening, because the service manager has passed sockets",
+                     net::LogField("address", address)));
+  }
+  for (const std::string& address : addresses) {
+    Log(logging::LOGGING_INFO, absl::StrCat("Listening", net::LogField("address", address)));
+  }
+  if (metrics != nullptr) {
+    Log(logging::LOGGING_INFO,
+        absl::StrCat("Serving metrics", net::LogField("address", metrics->address())));
+  }
+}
+
+// A first signal ends what goes on in good order, a second one ends it at once.
+void OnStopSignal(RpcServer& server, int signal) {
+  Log(logging::LOGGING_INFO, absl::StrCat("Stopping signal=SIG", sigabbrev_np(signal)));
+  NotifyStopping(absl::StrCat("Ending ", server.open_connections(), " connections"));
+  server.Drain(kPatience);
+}
+
+// Null without --metrics.
+absl::StatusOr<std::unique_ptr<MetricsEndpoint>> ServeMetrics(RpcServer& server,
+                                                              const ServerMetrics& metrics,
+                                                              const HostOptions& options) {
+  if (options.metrics.empty()) return nullptr;
+  MetricsEndpointOptions endpoint_options;
+  endpoint_options.unix_admission = options.unix_admission;
+  return MetricsEndpoint::Listen(
+      server.loop(), options.metrics, [&metrics] { return metrics.Text(); }, endpoint_options);
 }
 
 // What is wrong with the files that say who may come in, with the options that named them.
@@ -84,48 +172,63 @@ absl::Status CheckTls(const HostOptions& options) {
       absl::StrCat(options.tls_flags, ": ", context.status().message()));
 }
 
-int Serve(const HostOptions& options) {
-  if (const absl::Status status = CheckTls(options); !status.ok()) {
-    return Fail(kCannotServe, Text(status));
-  }
+int Serve(const HostOptions& options, const std::vector<InheritedSocket>& inherited) {
+  if (const absl::Status status = CheckTls(options); !status.ok()) return Fail(Text(status));
   absl::StatusOr<host::UserDataDir> directory = OpenUserData(options);
   if (!directory.ok()) {
-    return Fail(kCannotServe, absl::StrCat("--user-data-dir: ", Text(directory.status())));
+    return Fail(absl::StrCat("--user-data-dir: ", Text(directory.status())));
   }
   if (options.default_listen) {
     const absl::Status status = MakePrivateFolder(DefaultRuntimeFolder(std::getenv));
-    if (!status.ok()) return Fail(kCannotServe, absl::StrCat("the socket's folder ", Text(status)));
+    if (!status.ok()) return Fail(absl::StrCat("the socket's folder ", Text(status)));
   }
 
   // The server is destroyed last: it runs the closures of the calls that the host ends.
-  RpcServer server;
+  ServerOptions server_options;
+  server_options.serve_reflection = options.reflection;
+  RpcServer server(server_options);
   host::ProfileHost profiles(
       *std::move(directory), options.profiles,
       [&server](std::function<void()> task) { server.Post(std::move(task)); });
   server.AddService(profiles);
   if (!options.policy.empty()) {
     const absl::Status status = server.UsePolicy(options.policy);
-    if (!status.ok()) return Fail(kCannotServe, absl::StrCat("--policy ", Text(status)));
+    if (!status.ok()) return Fail(absl::StrCat("--policy ", Text(status)));
   }
-  std::vector<std::string> addresses;
-  for (const std::string& listen : options.listen) {
-    absl::StatusOr<std::string> address = Listen(server, options, listen);
-    if (!address.ok()) {
-      return Fail(kCannotServe, absl::StrCat("--listen: ", Text(address.status())));
-    }
-    addresses.push_back(*std::move(address));
+  const auto addresses = ListenEverywhere(server, options, inherited);
+  if (!addresses.ok()) return Fail(Text(addresses.status()));
+  const ServerMetrics metrics(server);
+  const auto metrics_endpoint = ServeMetrics(server, metrics, options);
+  if (!metrics_endpoint.ok()) {
+    return Fail(absl::StrCat("--metrics: ", Text(metrics_endpoint.status())));
   }
   const net::StopSignals signals(server.loop(),
-                                 [&server](int /*signal*/) { server.Drain(kPatience); });
-  Announce(options, addresses);
+                                 [&server](int signal) { OnStopSignal(server, signal); });
+  LogAddresses(options, *addresses, metrics_endpoint->get());
+  Announce(options, *addresses, metrics_endpoint->get());
+  const WatchdogPings pings(server.loop());
+  server.Post([status = "Serving on " + absl::StrJoin(*addresses, ", ")] { NotifyReady(status); });
   server.Run();
+  Log(logging::LOGGING_INFO, "Stopped");
   return kStopped;
 }
 
+std::vector<std::string> AddressesOf(const std::vector<InheritedSocket>& sockets) {
+  std::vector<std::string> addresses;
+  for (const InheritedSocket& socket : sockets) addresses.push_back(socket.address.ToString());
+  return addresses;
+}
+
 int Main(const std::vector<std::string>& arguments) {
-  const absl::StatusOr<HostOptions> options = ParseHostOptions(arguments, std::getenv);
+  const absl::StatusOr<std::vector<InheritedSocket>> inherited = TakeInheritedSockets();
+  if (!inherited.ok()) {
+    UseLogOutput(LogFormat::kText, logging::LOGGING_INFO);
+    return Fail(Text(inherited.status()));
+  }
+  const absl::StatusOr<HostOptions> options =
+      ParseHostOptions(arguments, std::getenv, AddressesOf(*inherited));
   if (!options.ok()) {
-    return Fail(kUsage, absl::StrCat(Text(options.status()), "\nTry 'varnic-host --help'."));
+    return FailUsage(absl::StrCat(Text(options.status()), "\nTry 'varnic-host --help'."));
   }
   if (options->help) {
     std::fputs(HostHelp(std::getenv).c_str(), stdout);
@@ -135,8 +238,12 @@ int Main(const std::vector<std::string>& arguments) {
     std::printf("varnic-host %s\n", kVersion);
     return kStopped;
   }
+  UseLogOutput(options->log_format, options->log_level);
   umask(077);
-  return Serve(*options);
+  Log(logging::LOGGING_INFO,
+      absl::StrCat("Starting", net::LogField("version", kVersion), " pid=", getpid(),
+                   net::LogField("user_data_dir", options->user_data_dir)));
+  return Serve(*options, *inherited);
 }
 
 }  // namespace

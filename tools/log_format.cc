@@ -1,0 +1,88 @@
+#include "tools/log_format.h"
+
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
+#include <algorithm>
+#include <cstdint>
+
+#include "absl/status/status.h"
+#include "absl/strings/ascii.h"
+#include "absl/strings/escaping.h"
+#include "absl/strings/str_cat.h"
+#include "nlohmann/json.hpp"
+
+namespace varnic::tools {
+namespace {
+
+struct Level {
+  const char* name;
+  int journal_priority;  // As in syslog.
+};
+
+const Level& LevelOf(logging::LogSeverity severity) {
+  static constexpr Level kLevels[] = {
+      {"debug", 7}, {"info", 6}, {"warning", 4}, {"error", 3}, {"fatal", 2}};
+  return kLevels[std::clamp(severity, logging::LOGGING_VERBOSE, logging::LOGGING_FATAL) -
+                 logging::LOGGING_VERBOSE];
+}
+
+std::string TimeText(absl::Time time) {
+  return absl::FormatTime("%Y-%m-%dT%H:%M:%E3SZ", time, absl::UTCTimeZone());
+}
+
+// u_isprint() leaves out the characters that turn the direction of writing, too.
+std::string EscapeUnprintable(const std::string& text) {
+  std::string escaped;
+  const auto size = static_cast<int32_t>(text.size());
+  for (int32_t end = 0; end < size;) {
+    const int32_t begin = end;
+    UChar32 character = 0;
+    U8_NEXT(text.data(), end, size, character);
+    const auto from = static_cast<std::size_t>(begin);
+    const std::string bytes = text.substr(from, static_cast<std::size_t>(end) - from);
+    const bool printable =
+        character >= 0 && u_isprint(character) != 0 && character != 0x2028 && character != 0x2029;
+    absl::StrAppend(&escaped, printable ? bytes : absl::CHexEscape(bytes));
+  }
+  return escaped;
+}
+
+std::string TextLine(const LogRecord& record) {
+  return absl::StrCat(TimeText(record.time), " ",
+                      absl::AsciiStrToUpper(LevelOf(record.severity).name), " ", record.source, " ",
+                      EscapeUnprintable(record.message), "\n");
+}
+
+std::string JsonLine(const LogRecord& record) {
+  const nlohmann::ordered_json json = {{"time", TimeText(record.time)},
+                                       {"level", LevelOf(record.severity).name},
+                                       {"source", record.source},
+                                       {"message", record.message}};
+  // ASCII only: readers differ in what else they take for the end of a line.
+  return json.dump(-1, ' ', /*ensure_ascii=*/true, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+std::string FormatLogRecord(LogFormat format, const LogRecord& record) {
+  if (format == LogFormat::kJson) return JsonLine(record);
+  if (format == LogFormat::kText) return TextLine(record);
+  return absl::StrCat("<", LevelOf(record.severity).journal_priority, ">", TextLine(record));
+}
+
+absl::StatusOr<LogFormat> ParseLogFormat(const std::string& text) {
+  if (text == "text") return LogFormat::kText;
+  if (text == "json") return LogFormat::kJson;
+  return absl::InvalidArgumentError("expected text or json");
+}
+
+absl::StatusOr<logging::LogSeverity> ParseLogLevel(const std::string& text) {
+  for (logging::LogSeverity severity = logging::LOGGING_VERBOSE; severity < logging::LOGGING_FATAL;
+       ++severity) {
+    if (text == LevelOf(severity).name) return severity;
+  }
+  return absl::InvalidArgumentError("expected debug, info, warning or error");
+}
+
+}  // namespace varnic::tools

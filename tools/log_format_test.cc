@@ -1,0 +1,94 @@
+#include "tools/log_format.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "nlohmann/json.hpp"
+
+namespace varnic::tools {
+namespace {
+
+using ::testing::HasSubstr;
+
+LogRecord Record(const std::string& message) {
+  LogRecord record;
+  record.time = absl::FromUnixMillis(1795237200123);
+  record.severity = logging::LOGGING_WARNING;
+  record.source = "host.cc:12";
+  record.message = message;
+  return record;
+}
+
+std::string Text(const std::string& message) {
+  return FormatLogRecord(LogFormat::kText, Record(message));
+}
+
+std::string MessageInJson(const std::string& message) {
+  const std::string line = FormatLogRecord(LogFormat::kJson, Record(message));
+  EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1) << line;
+  return nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false).value("message", "none");
+}
+
+TEST(LogFormatTest, TextSaysWhenHowBadAndWhere) {
+  EXPECT_EQ(Text("Refused a connection uid=7"),
+            "2026-11-21T05:00:00.123Z WARNING host.cc:12 Refused a connection uid=7\n");
+}
+
+TEST(LogFormatTest, JournalReadsThePriorityInFront) {
+  EXPECT_EQ(FormatLogRecord(LogFormat::kJournal, Record("x")),
+            "<4>2026-11-21T05:00:00.123Z WARNING host.cc:12 x\n");
+}
+
+TEST(LogFormatTest, JsonHasTheSameInFields) {
+  EXPECT_EQ(FormatLogRecord(LogFormat::kJson, Record("a \"b\"")),
+            R"({"time":"2026-11-21T05:00:00.123Z","level":"warning","source":"host.cc:12",)"
+            R"("message":"a \"b\""})"
+            "\n");
+}
+
+TEST(LogFormatTest, SeveritiesBelowAndAboveHaveTheNextName) {
+  LogRecord record = Record("x");
+  record.severity = logging::LOGGING_VERBOSE - 3;
+  EXPECT_THAT(FormatLogRecord(LogFormat::kText, record), HasSubstr(" DEBUG "));
+  record.severity = logging::LOGGING_FATAL;
+  EXPECT_THAT(FormatLogRecord(LogFormat::kText, record), HasSubstr(" FATAL "));
+}
+
+TEST(LogFormatTest, MessageCannotBeginARecordOfItsOwn) {
+  EXPECT_THAT(Text("a\n2026-11-21T05:00:01.000Z ERROR x.cc:1 b\r\n"),
+              HasSubstr(R"( a\n2026-11-21T05:00:01.000Z ERROR x.cc:1 b\r\n)"
+                        "\n"));
+  EXPECT_EQ(MessageInJson("a\n{\"message\":\"b\"}"), "a\n{\"message\":\"b\"}");
+}
+
+TEST(LogFormatTest, TerminalIsToldNothingButText) {
+  // Escape, delete, a control character of two bytes, a line separator, a change of direction.
+  EXPECT_THAT(Text("\x1b[2J\x7f"
+                   "\u009b\u2028\u202e"),
+              HasSubstr(R"( \x1b[2J\x7f\xc2\x9b\xe2\x80\xa8\xe2\x80\xae)"));
+}
+
+TEST(LogFormatTest, BytesThatAreNotUtf8AreEscapedOrReplaced) {
+  EXPECT_THAT(Text("a\xff"), HasSubstr(R"( a\xff)"));
+  EXPECT_EQ(MessageInJson("a\xff"), "a\uFFFD");
+}
+
+TEST(LogFormatTest, TextOfAnyLanguageStays) {
+  EXPECT_THAT(Text("/home/j\u00fcrgen/\u65e5\u672c"),
+              HasSubstr("/home/j\u00fcrgen/\u65e5\u672c\n"));
+  EXPECT_EQ(MessageInJson("/home/j\u00fcrgen"), "/home/j\u00fcrgen");
+}
+
+TEST(LogFormatTest, FormatsAndLevelsHaveNames) {
+  EXPECT_EQ(*ParseLogFormat("text"), LogFormat::kText);
+  EXPECT_EQ(*ParseLogFormat("json"), LogFormat::kJson);
+  EXPECT_FALSE(ParseLogFormat("xml").ok());
+  EXPECT_EQ(*ParseLogLevel("debug"), logging::LOGGING_VERBOSE);
+  EXPECT_EQ(*ParseLogLevel("error"), logging::LOGGING_ERROR);
+  EXPECT_FALSE(ParseLogLevel("fatal").ok());
+}
+
+}  // namespace
+}  // namespace varnic::tools
