@@ -80,7 +80,7 @@ TEST_P(GrpcWireTest, PathThatNamesNoMethodIsUnimplemented) {
 }
 
 TEST_P(GrpcWireTest, HugePathWithBytesThatAreEscapedIsAnswered) {
-  const Answer answer = Call("/" + std::string(30'000, '%') + "/Path", Request());
+  const Answer answer = Call("/" + std::string(15'000, '%') + "/Path", Request());
 
   EXPECT_EQ(answer.Header("grpc-status"), "12");
   EXPECT_EQ(answer.Header("grpc-message").substr(0, 25), "Unknown service %25%25%25");
@@ -171,6 +171,31 @@ TEST_P(GrpcWireTest, TimeoutEndsACallThatIsNotAnswered) {
 
 TEST_P(GrpcWireTest, TimeoutOfZeroIsOver) {
   ExpectStatus(CallWith({"grpc-timeout", "0n"}, Request("kept")), "4", "Deadline exceeded");
+}
+
+TEST_P(GrpcWireTest, OverrideReadsMetadataAndAnswersWithItsOwn) {
+  Http2Peer::Headers headers = Http2Peer::GrpcHeaders("/rpc.Profile/Path");
+  headers.push_back({"x-ask", "a, b"});
+  headers.push_back({"x-ask-bin", "AP8="});
+
+  const Answer answer = peer_.Exchange(headers, Request("metadata"));
+
+  ExpectStatus(answer, "0", "");
+  EXPECT_EQ(answer.Header("x-initial"), "a, b");
+  EXPECT_EQ(answer.Header("x-trailing-bin"), "AP8");
+}
+
+TEST_P(GrpcWireTest, FailedCallHasItsMetadataAndATextThatLeavesRoomForIt) {
+  const std::string long_value(3000, 'A');
+  Http2Peer::Headers headers = Http2Peer::GrpcHeaders("/rpc.Profile/Path");
+  headers.push_back({"x-ask-bin", long_value});
+
+  const Answer answer = peer_.Exchange(headers, Request("failed metadata"));
+
+  EXPECT_EQ(answer.Header("grpc-status"), "13");
+  EXPECT_EQ(answer.Header("x-trailing-bin"), long_value);
+  EXPECT_GT(answer.Header("grpc-message").size(), 2000u);
+  EXPECT_LT(answer.Header("grpc-message").size() + long_value.size(), 6144u);
 }
 
 TEST_P(GrpcWireTest, FailedCallsLeaveTheConnectionUsable) {

@@ -1,6 +1,7 @@
 // Peers that mean harm, or crash, against a server that must go on serving everybody else.
 
 #include <dirent.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -300,6 +301,35 @@ TEST_P(HostilePeerTest, FloodOfPingsByAPeerThatReadsNothingEndsTheConnection) {
   for (int i = 0; open && i < 10'000; ++i) open = peer.Send(pings);
 
   EXPECT_FALSE(open);
+}
+
+TEST_P(HostilePeerTest, PeerThatFloodsIsToldWhy) {
+  RawPeer peer = NewPeer();
+  std::string settings;
+  for (int i = 0; i < 10'000; ++i) settings += Http2Frame(/*SETTINGS*/ 4, 0, 0, "");
+
+  peer.Send(ClientPreface() + settings);
+
+  EXPECT_THAT(peer.ReadUntilClosed(), ::testing::EndsWith("too_many_control_frames"));
+  served_.RunOnServer([this] {
+    const net::EdgeCounters& counters = served_.server().edge_counters();
+    EXPECT_EQ(counters.ended_by[static_cast<std::size_t>(net::EdgeRule::kControlFrames)], 1u);
+  });
+}
+
+TEST(FloodLimitsTest, AreOptionsOfTheServer) {
+  ServerOptions options;
+  options.floods.resets = {5, 0};
+  ServedHost served("unix", options);
+  RawPeer peer(served.address());
+  std::string calls;
+  for (uint32_t stream_id = 1; stream_id < 13; stream_id += 2) {
+    calls += PathHeaders(stream_id) + Http2Frame(/*RST_STREAM*/ 3, 0, stream_id, "1234");
+  }
+
+  peer.Send(ClientPreface() + calls);
+
+  EXPECT_THAT(peer.ReadUntilClosed(), ::testing::EndsWith("too_many_resets"));
 }
 
 // A client in a process of its own: waits for the server's address, makes calls that the host

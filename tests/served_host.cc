@@ -16,6 +16,14 @@ namespace {
 // Long enough for a loaded machine under a sanitizer; reached only by a failure.
 constexpr std::chrono::seconds kPatience(60);
 
+void EchoMetadata(ServerController& controller) {
+  const auto& metadata = controller.metadata();
+  EXPECT_TRUE(controller.AddInitialMetadata("x-initial", metadata.Find("x-ask").value_or("")).ok());
+  EXPECT_TRUE(
+      controller.AddTrailingMetadata("x-trailing-bin", metadata.Find("x-ask-bin").value_or(""))
+          .ok());
+}
+
 }  // namespace
 
 TestHost::~TestHost() {
@@ -38,7 +46,8 @@ void TestHost::Path(google::protobuf::RpcController* controller, const ProfileId
   }
   if (id == "failed") controller->SetFailed("it failed: 100 %");
   if (id == "missing") server_controller.SetStatus(absl::NotFoundError("no such profile"));
-  if (id == "long text")
+  if (id == "metadata" || id == "failed metadata") EchoMetadata(server_controller);
+  if (id == "long text" || id == "failed metadata")
     server_controller.SetStatus(absl::InternalError(std::string(100'000, '%')));
   if (id == "deadline") {
     response->set_value(

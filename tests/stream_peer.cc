@@ -18,13 +18,12 @@ std::string Framed(const std::string& bytes) {
 
 }  // namespace
 
-StreamPeer::Stream::Stream(StreamPeer& peer, const std::string& method, StreamFraming framing)
+StreamPeer::Stream::Stream(StreamPeer& peer, const std::string& path, StreamFraming framing)
     : peer_(peer) {
   std::vector<net::HeaderField> metadata;
   if (framing == StreamFraming::kEnvelope) metadata = {{kFramingHeader, kEnvelopeFraming}};
   net::GrpcClientCall::Visitor& visitor = *this;
-  call_ = peer_.connection_->StartCall("/rpc.Profile/" + method, absl::InfiniteDuration(), visitor,
-                                       metadata);
+  call_ = peer_.connection_->StartCall(path, absl::InfiniteDuration(), visitor, metadata);
   EXPECT_NE(call_, nullptr);
 }
 
@@ -66,14 +65,14 @@ void StreamPeer::Stream::OnDone(const absl::Status& status) {
   status_ = status;
 }
 
-StreamPeer::StreamPeer(const std::string& address) {
+StreamPeer::StreamPeer(const std::string& address, const net::GrpcClientOptions& options) {
   connector_ = net::Connector::Connect(
       loop_, *net::Address::Parse(address),
-      [this](absl::StatusOr<std::unique_ptr<net::ByteStream>> stream) {
+      [this, options](absl::StatusOr<std::unique_ptr<net::ByteStream>> stream) {
         ASSERT_TRUE(stream.ok()) << stream.status();
         net::GrpcClientConnection::Visitor& visitor = *this;
-        connection_ = std::make_unique<net::GrpcClientConnection>(
-            loop_, *std::move(stream), "localhost", net::GrpcClientOptions(), visitor);
+        connection_ = std::make_unique<net::GrpcClientConnection>(loop_, *std::move(stream),
+                                                                  "localhost", options, visitor);
       });
   loop_.RunUntil([this] { return connection_ != nullptr; });
 }
@@ -82,7 +81,11 @@ StreamPeer::~StreamPeer() = default;
 
 std::unique_ptr<StreamPeer::Stream> StreamPeer::Open(const std::string& method,
                                                      StreamFraming framing) {
-  return std::make_unique<Stream>(*this, method, framing);
+  return std::make_unique<Stream>(*this, "/rpc.Profile/" + method, framing);
+}
+
+std::unique_ptr<StreamPeer::Stream> StreamPeer::OpenPath(const std::string& path) {
+  return std::make_unique<Stream>(*this, path, StreamFraming::kTyped);
 }
 
 void StreamPeer::OnGoaway(net::GrpcClientConnection& /*connection*/) {}

@@ -21,7 +21,7 @@ class StreamPeer : private net::GrpcClientConnection::Visitor {
   // One stream that the client has open. Waiting for something runs the peer's loop.
   class Stream : private net::GrpcClientCall::Visitor {
    public:
-    Stream(StreamPeer& peer, const std::string& method, StreamFraming framing);
+    Stream(StreamPeer& peer, const std::string& path, StreamFraming framing);
     ~Stream() override;
 
     // Sends one message.
@@ -44,12 +44,15 @@ class StreamPeer : private net::GrpcClientConnection::Visitor {
     std::optional<absl::Status> status_;
   };
 
-  explicit StreamPeer(const std::string& address);
+  // With a window of 0 bytes for each stream, the peer does not let the host send a message.
+  explicit StreamPeer(const std::string& address, const net::GrpcClientOptions& options = {});
   ~StreamPeer() override;
 
   // Opens a stream of a method of rpc.Profile.
   std::unique_ptr<Stream> Open(const std::string& method,
                                StreamFraming framing = StreamFraming::kTyped);
+  // The same of any service: "/rpc.Profile/Path".
+  std::unique_ptr<Stream> OpenPath(const std::string& path);
   // Puts on the wire what was sent so far.
   void Pump() { loop_.RunPending(); }
   // Closes the connection, with whatever is open on it.

@@ -1,66 +1,36 @@
-"""Two gRPC clients that are not ours call every unary method of a running varnic-host, about a
-profile that a real Chromium has made."""
+"""gRPC clients that are not ours call every unary method of a running varnic-host, about a profile
+that a real Chromium has made."""
 
 import json
-import os
 import pathlib
-import subprocess
-import sys
 import tempfile
 import unittest
 
-import grpc
 from google.protobuf import json_format
 
+import foreign
 import programs
 
-sys.path.insert(0, os.environ["VARNIC_PYTHON_STUBS"])
-# pylint: disable=wrong-import-position
-from rpc.profile import profile_pb2_grpc  # noqa: E402
+# pylint: disable=wrong-import-order
+from rpc.profile import profile_pb2
 
-GRPCPP_CLIENT = os.environ["VARNIC_GRPCPP_CLIENT"]
-DEADLINE_SECONDS = 30
+METHODS = profile_pb2.DESCRIPTOR.services_by_name["Profile"].methods_by_name
 
 
-class PythonClient:
-    """python3-grpcio."""
+class Caller:
+    """A connection, for requests and responses in JSON."""
 
-    def __init__(self, target):
-        self._channel = grpc.insecure_channel(target)
-        self._stub = profile_pb2_grpc.ProfileStub(self._channel)
+    def __init__(self, channel):
+        self._channel = channel
 
     def call(self, method, request):
-        descriptor = profile_pb2_grpc.rpc_dot_profile_dot_profile__pb2.DESCRIPTOR
-        types = descriptor.services_by_name["Profile"].methods_by_name[method]
-        message = json_format.ParseDict(request, types.input_type._concrete_class())
-        try:
-            response = getattr(self._stub, method)(message, timeout=DEADLINE_SECONDS)
-        except grpc.RpcError as error:
-            return {"code": error.code().value[0], "message": error.details()}
-        return {"code": 0, "message": "", "response": json_format.MessageToDict(response)}
-
-    def close(self):
-        self._channel.close()
-
-
-class CppClient:
-    """grpc++, in a process of its own."""
-
-    def __init__(self, target):
-        self._target = target
-
-    def call(self, method, request):
-        result = subprocess.run(
-            [GRPCPP_CLIENT, self._target, method, json.dumps(request)],
-            capture_output=True,
-            text=True,
-            check=True,
-            timeout=programs.PATIENCE_SECONDS,
-        )
-        return json.loads(result.stdout)
-
-    def close(self):
-        pass
+        request_type = METHODS[method].input_type._concrete_class
+        message = json_format.ParseDict(request, request_type())
+        end = self._channel.call(f"/rpc.Profile/{method}", message).end()
+        answer = {"code": end.code, "message": end.text}
+        if end.messages:
+            answer["response"] = json_format.MessageToDict(end.messages[0])
+        return answer
 
 
 class ForeignClientsTest(unittest.TestCase):
@@ -88,12 +58,13 @@ class ForeignClientsTest(unittest.TestCase):
 
     def each_client(self):
         """Every client over every kind of socket."""
-        for make_client in (PythonClient, CppClient):
+        for name in foreign.COMMANDS:
+            client = foreign.Client(name)
+            self.addCleanup(client.close)
             for address in self.host.addresses:
-                client = make_client(address)
-                with self.subTest(client=make_client.__name__, address=address):
-                    yield client
-                client.close()
+                with self.subTest(client=name, address=address):
+                    yield Caller(client.connect(address))
+            self.assertEqual(client.close(), 0)
 
     def assert_answer(self, client, method, request, response):
         self.assertEqual(
@@ -144,7 +115,7 @@ class ForeignClientsTest(unittest.TestCase):
                 self.assertIn("Profile 77", answer["message"])
 
     def test_language_that_is_set_is_read_back_and_used_by_chromium(self):
-        languages = iter(("fr-FR,fr,en", "de,en-GB", "es-419,es", "pt-BR"))
+        languages = iter(("fr-FR,fr,en", "de,en-GB", "es-419,es", "pt-BR", "it", "ja,en"))
         for client in self.each_client():
             before = programs.preferences(self.user_data_dir)
             language = next(languages)

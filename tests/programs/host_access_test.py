@@ -11,6 +11,7 @@ import unittest
 
 import grpc
 
+import certificates
 import programs
 
 sys.path.insert(0, os.environ["VARNIC_PYTHON_STUBS"])
@@ -38,25 +39,10 @@ class HostAccessTest(unittest.TestCase):
     def file(self, name):
         return str(self.folder / name)
 
-    def openssl(self, *arguments):
-        subprocess.run(["openssl", *arguments], check=True, capture_output=True, cwd=self.folder)
-
-    def make_authority(self):
-        self.openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-                     "-nodes", "-days", "1", "-subj", "/CN=test CA", "-keyout", "ca.key",
-                     "-out", "ca.pem")
-
-    def make_certificate(self, name, alternative_name):
-        self.openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-                     "-subj", f"/CN={name}", "-keyout", f"{name}.key", "-out", f"{name}.csr")
-        (self.folder / "names").write_text(f"subjectAltName={alternative_name}\n")
-        self.openssl("x509", "-req", "-in", f"{name}.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
-                     "-CAcreateserial", "-days", "1", "-extfile", "names", "-out", f"{name}.pem")
-
     def make_certificates(self):
-        self.make_authority()
-        self.make_certificate("server", "DNS:localhost,IP:127.0.0.1")
-        self.make_certificate("reader", "URI:spiffe://example.org/reader")
+        self.authority = certificates.Authority(self.folder)
+        self.authority.certify("server", "DNS:localhost,IP:127.0.0.1")
+        self.authority.certify("reader", "URI:spiffe://example.org/reader")
 
     def start_host(self, *arguments):
         host = programs.Host(*arguments, env=self.environment)
@@ -108,7 +94,7 @@ class HostAccessTest(unittest.TestCase):
 
     def test_policy_gives_each_role_its_methods(self):
         self.make_certificates()
-        self.make_certificate("other", "URI:spiffe://example.org/other")
+        self.authority.certify("other", "URI:spiffe://example.org/other")
         (self.folder / "policy.json").write_text(json.dumps({
             "roles": {"reader": {"san": ["URI:spiffe://example.org/reader"]}},
             "methods": {"/rpc.Profile/Path": ["reader"]},
@@ -120,7 +106,7 @@ class HostAccessTest(unittest.TestCase):
         self.assertEqual(denied.returncode, PERMISSION_DENIED)
         self.assertIn("/rpc.Profile/Name", denied.stderr)
         self.assertEqual(self.ctl_as("other", host, "path").returncode, PERMISSION_DENIED)
-        self.assertIn("Denied /rpc.Profile/Name to 127.0.0.1:", host.stderr())
+        self.assertIn("Denied a call method=/rpc.Profile/Name peer=127.0.0.1:", host.stderr())
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can be another user")
     def test_other_users_come_in_only_when_they_are_allowed(self):
@@ -132,7 +118,7 @@ class HostAccessTest(unittest.TestCase):
         os.chmod(self.file("closed.sock"), 0o666)
 
         self.assertEqual(call("closed.sock").returncode, UNAVAILABLE)
-        self.assertIn(f"uid {NOBODY}", closed.stderr())
+        self.assertIn(f"uid={NOBODY}", closed.stderr())
         closed.stop()
         self.start_host("--listen", f"unix:{self.file('open.sock')}", "--allow-user", str(NOBODY))
         self.assertEqual(call("open.sock").returncode, 0)
@@ -143,11 +129,11 @@ class HostAccessTest(unittest.TestCase):
 
         host = self.start_host("--listen", "0.0.0.0:0", *arguments)
 
-        self.assertIn("warning: whoever can reach 0.0.0.0:0 may call", host.stderr())
+        self.assertIn("whoever can reach 0.0.0.0:0 may call", host.stderr())
 
     def test_files_that_cannot_be_used_are_named_with_their_options(self):
         self.make_certificates()
-        self.make_certificate("other", "DNS:localhost")
+        self.authority.certify("other", "DNS:localhost")
         tls = lambda cert, key: ["--listen", "127.0.0.1:0", "--tls-cert", self.file(cert),
                                  "--tls-key", self.file(key)]
 

@@ -22,7 +22,7 @@ class Host:
     """A running varnic-host, or another program that says what it says. Use it as a context
     manager."""
 
-    def __init__(self, *arguments, program=HOST, env=None, user=None):
+    def __init__(self, *arguments, program=HOST, env=None, user=None, pass_fds=()):
         self._log = tempfile.TemporaryFile(mode="w+")
         self.process = subprocess.Popen(
             [program, *arguments],
@@ -31,6 +31,7 @@ class Host:
             text=True,
             env=env,
             user=user,
+            pass_fds=pass_fds,
         )
         # The host says these lines once it listens; at its end it says nothing more.
         self.announcement = []

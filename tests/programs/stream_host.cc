@@ -1,9 +1,7 @@
 // A host whose unary methods drive its streams, so that a client that is not ours can be tested
 // from both ends, and as a process of its own.
-//   stream_host ADDRESS...
-// SIGTERM drains it.
+// See serve_program.h for its arguments.
 
-#include <cstdio>
 #include <functional>
 #include <string>
 #include <utility>
@@ -12,14 +10,15 @@
 #include "absl/time/time.h"
 #include "core/common/rpc/stream/callback_caller.h"
 #include "core/common/rpc/stream/event_publisher.h"
-#include "core/net/event_loop.h"
 #include "core/server/rpc_server.h"
 #include "core/server/server_controller.h"
 #include "rpc/profile/profile.rpc.h"
+#include "tests/programs/serve_program.h"
 
 namespace varnic {
 namespace {
 
+using google::protobuf::BoolValue;
 using google::protobuf::Closure;
 using google::protobuf::RpcController;
 using google::protobuf::StringValue;
@@ -34,6 +33,8 @@ constexpr absl::Duration kPatience = absl::Seconds(30);
 //   CreateBrowser         asks whether the file `url` may be read: browser 1 or 0
 //   GetAcceptLanguage     asks about "/etc/motd", for a millisecond
 //   GetUserAgent          asks for credentials: "user:password" or "cancel"
+//   IsDefault             whether it is the default profile
+//   IsIncognito           whether the client says so, in its metadata
 //   GetUserAgentMetadata  counts what is there, as brands with their numbers for versions
 //
 // A question that gets no answer fails the call with the status that it ended with.
@@ -85,6 +86,19 @@ class StreamHost : public rpc::ProfileRpc {
       done->Run();
     };
     credentials_.Call(*request, question, on_response, Fail(controller, done), kPatience);
+  }
+
+  void IsDefault(RpcController* /*controller*/, const ProfileId* request, BoolValue* response,
+                 Closure* done) override {
+    response->set_value(request->value().empty());
+    done->Run();
+  }
+
+  void IsIncognito(RpcController* controller, const ProfileId* /*request*/, BoolValue* response,
+                   Closure* done) override {
+    const auto& metadata = ServerController::From(controller).metadata();
+    response->set_value(metadata.Find("x-incognito") == "yes");
+    done->Run();
   }
 
   void GetUserAgentMetadata(RpcController* /*controller*/, const ProfileId* request,
@@ -139,32 +153,16 @@ class StreamHost : public rpc::ProfileRpc {
   CallbackCaller<rpc::Authenticate> credentials_;
 };
 
-int Serve(int count, char** addresses) {
-  ServerOptions options;
-  // For the long questions and events.
-  options.streams.outbound.max_bytes = 8 << 20;
-  RpcServer server(options);
-  StreamHost host(server);
-  server.AddService(host);
-  for (int i = 0; i < count; ++i) {
-    const auto address = server.Listen(addresses[i]);
-    if (!address.ok()) {
-      std::fprintf(stderr, "stream_host: %s\n", address.status().ToString().c_str());
-      return 1;
-    }
-    std::printf("Listening on %s\n", address->c_str());
-  }
-  const net::StopSignals signals(server.loop(),
-                                 [&](int /*signal*/) { server.Drain(absl::InfiniteDuration()); });
-  std::puts("Try: -");
-  std::fflush(stdout);
-  server.Run();
-  return 0;
-}
-
 }  // namespace
 }  // namespace varnic
 
 int main(int argc, char** argv) {
-  return varnic::Serve(argc - 1, argv + 1);
+  varnic::ServerOptions options;
+  // For the long questions and events.
+  options.streams.outbound.max_bytes = 8 << 20;
+  options.serve_reflection = true;
+  varnic::RpcServer server(options);
+  varnic::StreamHost host(server);
+  server.AddService(host);
+  return varnic::ServeProgram(server, argc, argv);
 }
