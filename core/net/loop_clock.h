@@ -20,7 +20,8 @@ class LoopClock {
   using rep = duration::rep;
   using period = duration::period;
   using time_point = std::chrono::time_point<LoopClock>;
-  static constexpr bool is_steady = true;
+  // What <chrono> asks of a clock.
+  static constexpr bool is_steady = true;  // NOLINT(readability-identifier-naming)
 
   static time_point now() {
     if (held_ != nullptr) return *held_;
