@@ -36,11 +36,11 @@ function metadataFromJson(list) {
   return metadata;
 }
 
-function connect({target, ca, certificate, key, gzip}) {
+function connect({target, ca, certificate, key, gzip, options: more}) {
   const file = (name) => (name === null ? null : fs.readFileSync(name));
   const credentials = ca === null ? grpc.credentials.createInsecure()
       : grpc.credentials.createSsl(file(ca), file(key), file(certificate));
-  const options = {'grpc.use_local_subchannel_pool': 1};
+  const options = {'grpc.use_local_subchannel_pool': 1, ...more};
   if (gzip) options['grpc.default_compression_algorithm'] = grpc.compressionAlgorithms.gzip;
   return new grpc.Client(target, credentials, options);
 }

@@ -3,7 +3,9 @@
 A client reads commands from its standard input, one JSON object in each line:
 
   {"do": "connect", "channel": N, "target": ..., "ca": FILE, "certificate": FILE, "key": FILE,
-   "gzip": bool}              a connection of its own; without TLS if "ca" is null
+   "gzip": bool, "options": {NAME: N, ...}}
+                              a connection of its own; without TLS if "ca" is null; the options
+                              are gRPC's channel arguments
   {"do": "close", "channel": N}
   {"do": "open", "channel": N, "call": N, "method": "/package.Service/Method", "unary": bool,
    "raw": bool, "seconds": deadline, "metadata": [[key, value], ...], "read": bool}
@@ -198,10 +200,10 @@ class Client:
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
-    def connect(self, target, ca=None, certificate=None, key=None, gzip=False):
+    def connect(self, target, ca=None, certificate=None, key=None, gzip=False, options=None):
         number = next(self._numbers)
         self.do("connect", channel=number, target=target, ca=ca, certificate=certificate, key=key,
-                gzip=gzip)
+                gzip=gzip, options=options or {})
         return Channel(self, number)
 
     def open(self, response_type, **arguments):

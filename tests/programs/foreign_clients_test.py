@@ -178,5 +178,63 @@ class ForeignClientsTest(unittest.TestCase):
                 self.assertEqual(metadata.get(name, False), hints[name], name)
 
 
+class ForeignClientsOverTlsTest(unittest.TestCase):
+    """The host asks for certificates, and each client has one."""
+
+    @classmethod
+    def setUpClass(cls):
+        folder = cls.enterClassContext(tempfile.TemporaryDirectory())
+        cls.user_data_dir = pathlib.Path(folder) / "user-data"
+        programs.make_user_data_dir(cls.user_data_dir)
+        transport = foreign.Mtls(folder)
+        cls.host = cls.enterClassContext(programs.Host(
+            "--listen", "127.0.0.1:0", "--user-data-dir", str(cls.user_data_dir),
+            "--tls-cert", transport.file("server.pem"), "--tls-key", transport.file("server.key"),
+            "--tls-client-ca", transport.file("ca.pem"),
+        ))
+        cls.connection = transport.connection(cls.host.addresses[0])
+
+    @classmethod
+    def tearDownClass(cls):
+        status = cls.host.stop()
+        if status != 0:
+            raise AssertionError(f"varnic-host ended with {status} after SIGTERM")
+
+    def connect(self, name, **options):
+        client = foreign.Client(name)
+        self.addCleanup(client.close)
+        return Caller(client.connect(**{**self.connection, **options}))
+
+    def assert_every_method_is_answered(self, client_name):
+        client = self.connect(client_name)
+        response = lambda method, **request: client.call(method, request).get("response")
+        state = json.loads((self.user_data_dir / "Local State").read_text())
+
+        self.assertEqual(response("SetAcceptLanguage", acceptLanguage=f"de,{client_name}"), {})
+        self.assertEqual(response("GetAcceptLanguage"), f"de,{client_name}")
+        self.assertEqual(response("Path"), str(self.user_data_dir / "Default"))
+        self.assertEqual(response("Name"), state["profile"]["info_cache"]["Default"]["name"])
+        self.assertIs(response("IsDefault"), True)
+        self.assertIs(response("IsIncognito"), False)
+        self.assertRegex(response("GetUserAgent"), "^Mozilla/5.0 .*Chrome/")
+        self.assertEqual(response("GetUserAgentMetadata")["platform"], "Linux")
+        self.assertEqual(client.call("CreateBrowser", {})["code"], foreign.Code.FAILED_PRECONDITION)
+
+    def test_every_unary_method_is_answered_to_grpcpp(self):
+        self.assert_every_method_is_answered("grpcpp")
+
+    def test_every_unary_method_is_answered_to_grpcio(self):
+        self.assert_every_method_is_answered("grpcio")
+
+    def test_every_unary_method_is_answered_to_grpcjs(self):
+        self.assert_every_method_is_answered("grpcjs")
+
+    def test_clients_without_a_certificate_are_not_served(self):
+        for name in foreign.COMMANDS:
+            client = self.connect(name, certificate=None, key=None)
+
+            self.assertEqual(client.call("Path", {})["code"], foreign.Code.UNAVAILABLE, name)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -18,6 +18,7 @@ TRAILING = ("x-grpc-test-echo-trailing-bin", b"\x0a\x0b\x0a\x0b\x0a\x0b")
 # Sizes of the requests and of the responses that they ask for.
 PING_PONG = ((27182, 31415), (8, 9), (1828, 2653), (45904, 58979))
 SOAK_CALLS = 200
+SOAK_CHANNELS = 30
 SOAK_SECONDS_PER_CALL = 5
 
 
@@ -138,6 +139,15 @@ class InteropScenarios(foreign.Scenarios):
             begin = time.monotonic()
             self.assert_large_response(self.unary(large_request()).result())
             self.assertLess(time.monotonic() - begin, SOAK_SECONDS_PER_CALL)
+
+    def test_channel_soak(self):
+        for _ in range(SOAK_CHANNELS):
+            begin = time.monotonic()
+            channel = self.connect(self.shared_host)
+            call = channel.call(f"{SERVICE}/UnaryCall", large_request())
+            self.assert_large_response(call.result())
+            self.assertLess(time.monotonic() - begin, SOAK_SECONDS_PER_CALL)
+            channel.close()
 
     # No cases of gRPC's, but of the same server.
 

@@ -51,7 +51,7 @@ def metadata_from_json(metadata):
 
 def connect(command):
     options = {"compression": grpc.Compression.Gzip if command["gzip"] else None,
-               "options": [("grpc.use_local_subchannel_pool", 1)]}
+               "options": [("grpc.use_local_subchannel_pool", 1), *command["options"].items()]}
     if command["ca"] is None:
         return grpc.insecure_channel(command["target"], **options)
     file = lambda name: command[name] and pathlib.Path(command[name]).read_bytes()

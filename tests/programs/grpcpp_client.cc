@@ -227,6 +227,9 @@ class Channel {
   static std::shared_ptr<grpc::Channel> Connect(const json& command) {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    for (const auto& [name, value] : command.at("options").items()) {
+      arguments.SetInt(name, value.get<int>());
+    }
     if (command.at("gzip").get<bool>()) arguments.SetCompressionAlgorithm(GRPC_COMPRESS_GZIP);
     auto credentials = grpc::InsecureChannelCredentials();
     if (!command.at("ca").is_null()) {
