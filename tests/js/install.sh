@@ -11,6 +11,8 @@ command -v node >/dev/null && command -v npm >/dev/null ||
   fail "node and npm are not on the PATH; Debian has them in nodejs and npm"
 
 if cmp -s package-lock.json "$folder/installed-lock.json"; then exit 0; fi
+# The machine's own roots, which not every build of node looks at.
+export NODE_EXTRA_CA_CERTS=${NODE_EXTRA_CA_CERTS:-/etc/ssl/certs/ca-certificates.crt}
 mkdir -p "$folder"
 rm -f "$folder/installed-lock.json"
 cp package.json package-lock.json .npmrc "$folder"
