@@ -21,6 +21,7 @@ constexpr std::size_t kFrameHeader = 9;
 constexpr std::size_t kOutputPerPush = 64 << 10;
 
 constexpr std::size_t kMaxMessageBytes = 1 << 16;
+constexpr char kShuttingDown[] = "The host is shutting down";
 
 StreamLimits SmallLimits() {
   StreamLimits limits;
@@ -60,6 +61,7 @@ ServedConnection::ServedConnection()
       credentials_(std::make_unique<CallbackCaller<::rpc::Authenticate>>(scheduler_)),
       streams_(loop_, SmallLimits()) {
   services_.Add(profile_);
+  ServeBuiltIns();
   net::GrpcServerOptions options;
   options.http2.max_concurrent_streams = 16;
   options.max_message_bytes = kMaxMessageBytes;
@@ -67,6 +69,17 @@ ServedConnection::ServedConnection()
   connection_ =
       std::make_unique<net::GrpcServerConnection>(loop_, peer_.MakeStream(), options, visitor);
   loop_.RunPending();
+}
+
+// As RpcServer does.
+void ServedConnection::ServeBuiltIns() {
+  services_.Add(HealthService::Descriptor(), health_);
+  health_.SetServing(profile_.GetDescriptor()->full_name(), serving_);
+  for (const auto* descriptor : ReflectionService::Descriptors()) {
+    services_.Add(*descriptor, reflection_);
+    reflection_.AddService(*descriptor);
+  }
+  reflection_.AddService(*profile_.GetDescriptor());
 }
 
 ServedConnection::~ServedConnection() {
@@ -109,9 +122,20 @@ void ServedConnection::Withdraw() {
   loop_.RunPending();
 }
 
+void ServedConnection::ToggleServing() {
+  most_output_ += kOutputPerPush;
+  serving_ = !serving_;
+  health_.SetServing(profile_.GetDescriptor()->full_name(), serving_);
+  loop_.RunPending();
+}
+
 void ServedConnection::Drain() {
   most_output_ += kOutputPerPush;
-  streams_.EndAll(absl::UnavailableError("The host is shutting down"));
+  draining_ = true;
+  const absl::Status status = absl::UnavailableError(kShuttingDown);
+  health_.EndAll(status);
+  reflection_.EndAll(status);
+  streams_.EndAll(status);
   if (connection_ != nullptr) connection_->SendGoaway();
   loop_.RunPending();
 }
@@ -140,8 +164,10 @@ void ServedConnection::Ask(CallbackCaller<T>& caller, const std::string& profile
 
 // As RpcServer does.
 void ServedConnection::OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& head) {
+  if (draining_) return call.Finish(absl::UnavailableError(kShuttingDown));
   const auto method = services_.Find(head.path);
   if (!method.ok()) return call.Finish(method.status());
+  if (method->handler != nullptr) return method->handler->OnCall(*method->descriptor, call);
   if (method->descriptor->client_streaming() || method->descriptor->server_streaming()) {
     return streams_.Open(*method, call, head);
   }

@@ -14,7 +14,9 @@
 #include "core/net/grpc_server_connection.h"
 #include "core/net/testing/fake_byte_stream.h"
 #include "core/net/testing/fake_clock.h"
+#include "core/server/health/health_service.h"
 #include "core/server/loop_scheduler.h"
+#include "core/server/reflection/reflection_service.h"
 #include "core/server/service_table.h"
 #include "core/server/stream_table.h"
 #include "rpc/profile/profile.pb.h"
@@ -64,6 +66,8 @@ class ServedConnection final : private net::GrpcServerConnection::Visitor {
   void AskCredentials(const std::string& profile);
   void Withdraw();
   void AnswerKept() { profile_.AnswerKept(); }
+  // Tells health checks that the service stops taking calls, or takes them again.
+  void ToggleServing();
   void Drain();
 
   void PassTime(absl::Duration duration);
@@ -73,6 +77,7 @@ class ServedConnection final : private net::GrpcServerConnection::Visitor {
   void OnConnectionClosed(net::GrpcServerConnection& connection,
                           const absl::Status& status) override;
 
+  void ServeBuiltIns();
   template <class T>
   void Ask(CallbackCaller<T>& caller, const std::string& profile);
   void CheckNothingIsLeft();
@@ -82,6 +87,8 @@ class ServedConnection final : private net::GrpcServerConnection::Visitor {
   int questions_ = 0;
   int ends_ = 0;
   CallId last_access_ = 0;
+  bool serving_ = true;
+  bool draining_ = false;
 
   net::testing::FakeClock clock_;
   net::testing::FakePeer peer_;
@@ -93,6 +100,8 @@ class ServedConnection final : private net::GrpcServerConnection::Visitor {
   FuzzedProfile profile_;
   ServiceTable services_;
   StreamTable streams_;
+  HealthService health_;
+  ReflectionService reflection_;
   std::unique_ptr<net::GrpcServerConnection> connection_;  // Null once it has ended.
 };
 

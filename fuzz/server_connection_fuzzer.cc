@@ -1,6 +1,7 @@
-// A server's whole connection, from bytes to the streams of the profile service, against a client
-// that sends whatever the input says: raw bytes, or a script of what clients do. Nothing ends the
-// process, what the server says is bounded, and with the connection everything goes.
+// A server's whole connection, from bytes to the streams of the profile service, to health checks
+// and to reflection, against a client that sends whatever the input says: raw bytes, or a script of
+// what clients do. Nothing ends the process, what the server says is bounded, and with the
+// connection everything goes.
 
 #include <cstddef>
 #include <cstdint>
@@ -25,6 +26,21 @@ namespace {
 using net::testing::RawHttp2Peer;
 
 constexpr int kMaxSteps = 200;
+constexpr const char* kPaths[] = {
+    "/rpc.Profile/WhenNetworkChanged",
+    "/rpc.Profile/OnCanAccessFile",
+    "/rpc.Profile/OnAuthenticate",
+    "/rpc.Profile/Path",
+    "/rpc.Profile/Name",
+    "/rpc.Profile/GetUserAgent",
+    nullptr,  // Any.
+    nullptr,
+    "/grpc.health.v1.Health/Check",
+    "/grpc.health.v1.Health/Watch",
+    "/grpc.health.v1.Health/List",
+    "/grpc.reflection.v1.ServerReflection/ServerReflectionInfo",
+    "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo",
+};
 constexpr const char* kProfiles[] = {"", "a", "b"};
 
 std::string Framed(std::string_view message, bool compressed) {
@@ -85,7 +101,7 @@ class ScriptedClient {
   }
 
   void HostStep() {
-    switch (input_.TakeBelow(7)) {
+    switch (input_.TakeBelow(8)) {
       case 0:
         return server_.Publish(Profile());
       case 1:
@@ -98,6 +114,8 @@ class ScriptedClient {
         return server_.AnswerKept();
       case 5:
         return server_.Drain();
+      case 7:
+        return server_.ToggleServing();
       default:
         PassTime();
     }
@@ -117,15 +135,12 @@ class ScriptedClient {
   }
 
   void Request() {
-    constexpr const char* kMethods[] = {
-        "WhenNetworkChanged", "OnCanAccessFile", "OnAuthenticate", "Path", "Name", "GetUserAgent"};
-    const std::size_t method = input_.TakeBelow(8);
+    const char* const path = kPaths[input_.TakeBelow(std::size(kPaths))];
     const unsigned flags = input_.TakeByte();
     RawHttp2Peer::Fields fields = {
         {":method", "POST"},
         {":scheme", "http"},
-        {":path", method < std::size(kMethods) ? std::string("/rpc.Profile/") + kMethods[method]
-                                               : std::string(input_.TakePiece())},
+        {":path", path != nullptr ? std::string(path) : std::string(input_.TakePiece())},
         {":authority", "fuzz"},
         {"te", "trailers"},
         {"content-type", "application/grpc"}};

@@ -176,7 +176,7 @@ absl::Status Client::CallAndWait(const google::protobuf::MethodDescriptor& metho
                                  google::protobuf::Message& response, absl::Duration timeout) {
   // The loop may not have run for long, and the server has closed a connection that nobody used:
   // the first turn finds that its words have come in, the second one hears them.
-  for (int turn = 0; turn < 2; ++turn) loop_.RunPending();
+  for (int turn = 0; turn < 2 && !loop_.IsStopped(); ++turn) loop_.RunPending();
   absl::Status result;
   bool ended = false;
   const CallId id = Call(method, request, response, timeout, [&](const absl::Status& status) {

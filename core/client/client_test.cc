@@ -447,6 +447,16 @@ TEST_F(ClientTest, StoppedLoopEndsCallAndWait) {
   EXPECT_EQ(CallAndWait(), absl::CancelledError("the loop was stopped"));
 }
 
+TEST_F(ClientTest, CallAndWaitRunsNothingOnALoopThatIsStopped) {
+  loop_.Stop();
+  bool ran = false;
+  loop_.Post([&] { ran = true; });
+
+  EXPECT_EQ(CallAndWait(), absl::CancelledError("the loop was stopped"));
+
+  EXPECT_FALSE(ran);
+}
+
 // How a call ends whose answer is `script`.
 class ClientAnswerTest : public ClientTest {
  protected:

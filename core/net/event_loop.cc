@@ -86,6 +86,10 @@ void EventLoop::Stop() {
   context_->stop();
 }
 
+bool EventLoop::IsStopped() const {
+  return context_->stopped();
+}
+
 void EventLoop::Post(std::function<void()> task) {
   asio::post(*context_, std::move(task));
 }

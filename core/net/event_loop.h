@@ -19,9 +19,9 @@ namespace varnic::net {
 // The loop that one thread runs, and on which everything of a server or a client happens: sockets,
 // timers and posted tasks, one at a time.
 //
-// Outlives everything that is made on it. Post() and Stop() may be called from any thread; the rest
-// belongs to the thread that runs the loop, or to whichever thread sets it up or takes it down
-// while nobody runs it.
+// Outlives everything that is made on it. Post(), Stop() and IsStopped() may be called from any
+// thread; the rest belongs to the thread that runs the loop, or to whichever thread sets it up or
+// takes it down while nobody runs it.
 class EventLoop {
  public:
   EventLoop();
@@ -36,6 +36,7 @@ class EventLoop {
   // The same until `done()` holds, which is asked after every step; false after Stop().
   bool RunUntil(absl::FunctionRef<bool()> done);
   void Stop();
+  bool IsStopped() const;
 
   // Runs what is ready to run, without waiting; after Stop() too, so that an owner can settle what
   // was posted before it goes. What this posts in turn waits. Returns how many tasks ran.

@@ -421,6 +421,7 @@ TEST_F(GrpcClientCallTest, AServerThatSpeaksNoHttp2EndsTheCallAndTheConnection) 
   call_ = connection_->StartCall("/call", absl::InfiniteDuration(), visitor_);
   peer_.Send("HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n");
   loop_.RunPending();
+  peer_.Close();
 
   EXPECT_THAT(events_, ElementsAre(StartsWith("done UNAVAILABLE"),
                                    StartsWith("connection closed: INVALID_ARGUMENT")));

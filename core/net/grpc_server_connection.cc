@@ -48,7 +48,8 @@ GrpcServerCall::GrpcServerCall(GrpcServerConnection& connection, StreamId stream
     : connection_(connection),
       stream_id_(stream_id),
       observer_(connection.options_.observer),
-      reader_(connection.options_.max_message_bytes) {}
+      reader_(connection.options_.max_message_bytes),
+      unfinished_(connection.unfinished_) {}
 
 GrpcServerCall::~GrpcServerCall() = default;
 
@@ -91,7 +92,7 @@ void GrpcServerCall::Finish(const absl::Status& status, const Metadata& metadata
   ReportEnd(status.code());
   const std::string message =
       EncodeText(std::string_view(status.message().data(), status.message().size()),
-                 kMaxTrailerText - metadata.size_bytes());
+                 kMaxTrailerText - std::min(metadata.size_bytes(), kMaxTrailerText));
   absl::InlinedVector<HeaderField, 5> fields;
   // Without a message before it, the status stands in the only header block.
   if (!headers_sent_) fields = {kStatusOk, kContentType, kAcceptEncoding};
@@ -144,14 +145,14 @@ void GrpcServerCall::Reject(const HttpRejection& rejection) {
 
 void GrpcServerCall::OnData(std::string_view chunk) {
   if (visitor_ == nullptr) return;
-  const absl::Status status = reader_.Read(
-      chunk,
-      [this](std::string_view message, bool compressed) { return OnMessage(message, compressed); });
+  absl::Status status = reader_.Read(chunk, [this](std::string_view message, bool compressed) {
+    return OnMessage(message, compressed);
+  });
+  if (status.ok()) status = unfinished_.Set(reader_.unfinished_bytes());
   if (!status.ok()) Cancel(status);
 }
 
 absl::Status GrpcServerCall::OnMessage(std::string_view message, bool compressed) {
-  if (visitor_ == nullptr) return absl::CancelledError("the call has ended");
   if (compressed && !names_encoding_) {
     return absl::InternalError(
         "A message is marked as compressed, but grpc-encoding names nothing");
@@ -163,7 +164,8 @@ absl::Status GrpcServerCall::OnMessage(std::string_view message, bool compressed
         "Compressed messages are not supported; grpc-accept-encoding names what is");
   }
   visitor_->OnMessage(message);
-  return absl::OkStatus();
+  // What stands behind the message is not even to be gathered for a call that is over.
+  return visitor_ == nullptr ? absl::CancelledError("the call has ended") : absl::OkStatus();
 }
 
 void GrpcServerCall::OnRemoteEnd() {
@@ -182,8 +184,16 @@ void GrpcServerCall::OnSendQueueEmpty() {
 
 void GrpcServerCall::OnClosed(Http2Error /*error*/) {
   finished_ = true;
-  if (request_seen_) ReportEnd(absl::StatusCode::kCancelled);
-  if (Visitor* visitor = TakeVisitor()) visitor->OnCancelled();
+  if (request_seen_) {
+    ReportEnd(stalled_ ? absl::StatusCode::kResourceExhausted : absl::StatusCode::kCancelled);
+  }
+  Visitor* visitor = TakeVisitor();
+  if (visitor == nullptr) return;
+  if (stalled_) {
+    visitor->OnStalled();
+  } else {
+    visitor->OnCancelled();
+  }
 }
 
 void GrpcServerCall::Cancel(const absl::Status& status) {
@@ -200,6 +210,9 @@ void GrpcServerCall::ReportEnd(absl::StatusCode code) {
 
 GrpcServerCall::Visitor* GrpcServerCall::TakeVisitor() {
   if (timer_ != nullptr) timer_->Cancel();
+  // The stream may stay for long, until the client has read its end.
+  reader_.Discard();
+  unfinished_.Clear();
   return std::exchange(visitor_, nullptr);
 }
 
@@ -209,6 +222,7 @@ GrpcServerConnection::GrpcServerConnection(EventLoop& loop, std::unique_ptr<Byte
       options_(options),
       visitor_(visitor),
       peer_(std::make_shared<const Peer>(stream->peer())),
+      unfinished_(std::max(options.max_unfinished_bytes, options.max_message_bytes)),
       http2_(loop, std::move(stream), Http2Session::Role::kServer, options.http2, *this,
              LimitsFor(*peer_, options.limits)) {}
 

@@ -12,6 +12,7 @@
 #include "core/net/byte_stream.h"
 #include "core/net/edge/connection_limits.h"
 #include "core/net/edge/edge_counters.h"
+#include "core/net/edge/unfinished_messages.h"
 #include "core/net/event_loop.h"
 #include "core/net/grpc_request.h"
 #include "core/net/http2_connection.h"
@@ -30,7 +31,8 @@ class CallObserver {
  public:
   virtual ~CallObserver() = default;
   // Once for each call: with the status that its client has got, or CANCELLED if the client has
-  // left, and how long after the beginning of its request that was. Not to touch the call.
+  // left, or RESOURCE_EXHAUSTED if it was reset because the client does not read, and how long
+  // after the beginning of its request that was. Not to touch the call.
   virtual void OnCallEnded(absl::StatusCode code, absl::Duration duration) = 0;
 };
 
@@ -38,6 +40,9 @@ struct GrpcServerOptions {
   Http2Options http2;
   // The largest message that a client may send.
   std::size_t max_message_bytes = 4 << 20;
+  // Bytes of messages that have not ended, of all calls together; at least one message of the
+  // largest size. The call whose data goes past it ends with RESOURCE_EXHAUSTED.
+  std::size_t max_unfinished_bytes = 16 << 20;
   // Without those that make no sense for a peer on a Unix-domain socket.
   ConnectionLimits limits;
   // Of the calls for which nobody names another one; may be null.
@@ -64,6 +69,8 @@ class GrpcServerCall : public Http2Session::Handler {
     // Nobody waits for an answer any more: the client has reset the call, its connection is lost,
     // its deadline has passed, or what it sent could not be read. The call is not to be used again.
     virtual void OnCancelled() = 0;
+    // The same, because the client does not read: it hears RESOURCE_EXHAUSTED.
+    virtual void OnStalled() { OnCancelled(); }
   };
 
   GrpcServerCall(GrpcServerConnection& connection, StreamId stream_id);
@@ -103,6 +110,7 @@ class GrpcServerCall : public Http2Session::Handler {
   void OnData(std::string_view chunk) override;
   void OnRemoteEnd() override;
   void OnSendQueueEmpty() override;
+  void OnStalled() override { stalled_ = true; }
   void OnClosed(Http2Error error) override;
 
   void Begin(const GrpcRequestHead& head);
@@ -111,7 +119,8 @@ class GrpcServerCall : public Http2Session::Handler {
   // Ends a call that the visitor has not finished.
   void Cancel(const absl::Status& status);
   void ReportEnd(absl::StatusCode code);
-  // The visitor that is to hear of the end; null if it has ended the call itself.
+  // The end of the call, as far as it listens. The visitor that is to hear of it; null if it has
+  // ended the call itself.
   Visitor* TakeVisitor();
 
   Http2Session& session() const;
@@ -123,10 +132,12 @@ class GrpcServerCall : public Http2Session::Handler {
   const LoopClock::time_point began_ = LoopClock::now();
   absl::Time deadline_ = absl::InfiniteFuture();
   MessageReader reader_;
+  UnfinishedMessages::Share unfinished_;  // What the reader has.
   bool request_seen_ = false;
   bool names_encoding_ = false;  // The client's grpc-encoding is one that compresses.
   bool headers_sent_ = false;
   bool finished_ = false;
+  bool stalled_ = false;  // The client does not read, and the stream is being reset for that.
   std::unique_ptr<Timer> timer_;  // Only with a deadline.
 };
 
@@ -155,6 +166,8 @@ class GrpcServerConnection : private Http2Connection::Visitor {
   void SendGoaway() { http2_.session().SendGoaway(); }
 
   const Peer& peer() const { return *peer_; }
+  // Of messages that have not ended.
+  std::size_t unfinished_bytes() const { return unfinished_.bytes(); }
   // The rule by which this end has ended the connection, if it has.
   const std::optional<EdgeRule>& ended_by() const { return http2_.session().broken_rule(); }
 
@@ -169,6 +182,7 @@ class GrpcServerConnection : private Http2Connection::Visitor {
   const GrpcServerOptions options_;
   Visitor& visitor_;
   const std::shared_ptr<const Peer> peer_;
+  UnfinishedMessages unfinished_;
   Http2Connection http2_;  // Last: calls into the rest.
 };
 

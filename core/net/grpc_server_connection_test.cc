@@ -70,8 +70,9 @@ class TestCall : public GrpcServerCall::Visitor {
 // A server's connection; the client is the test, which speaks HTTP/2 through `client_`.
 class GrpcServerCallTest : public ::testing::Test, private GrpcServerConnection::Visitor {
  protected:
-  GrpcServerCallTest() {
+  explicit GrpcServerCallTest(std::size_t max_unfinished_bytes = 16 << 20) {
     options_.max_message_bytes = 1000;
+    options_.max_unfinished_bytes = max_unfinished_bytes;
     GrpcServerConnection::Visitor& visitor = *this;
     connection_ =
         std::make_unique<GrpcServerConnection>(loop_, peer_.MakeStream(), options_, visitor);
@@ -308,6 +309,19 @@ TEST_F(GrpcServerCallTest, ACompressedMessageIsUnimplementedAndTheAnswerNamesWha
   EXPECT_THAT(Answer(), HasSubstr("grpc-status=12"));
 }
 
+TEST_F(GrpcServerCallTest, MetadataThatLeavesNoRoomForATextIsSentWithout) {
+  Start();
+  HeaderList headers;
+  headers.Add("x-large", std::string(7'000, 'x'));
+  const Metadata large = Metadata::FromHeaders(headers);
+
+  calls_[0]->get()->Finish(absl::UnknownError(std::string(100'000, '\n')), large);
+  Exchange();
+
+  EXPECT_THAT(Answer(), AllOf(HasSubstr("grpc-status=2"), HasSubstr("x-large=xxx"),
+                              Not(HasSubstr("grpc-message"))));
+}
+
 TEST_F(GrpcServerCallTest, MetadataStandsInHeadersAndTrailers) {
   const StreamId id = Start();
   client_.Data(id, "", /*end=*/true);
@@ -485,6 +499,96 @@ TEST_F(GrpcServerCallTest, AStreamThatEndsDoesNotDisturbAnother) {
 
   EXPECT_THAT(client_.events(), ElementsAre(HasSubstr("HEADERS 3"), "END 3"));
   EXPECT_THAT(client_.events(), Not(Contains(HasSubstr(" 1 "))));
+}
+
+class UnfinishedMessageTest : public GrpcServerCallTest {
+ protected:
+  explicit UnfinishedMessageTest(std::size_t max_unfinished_bytes = 2500)
+      : GrpcServerCallTest(max_unfinished_bytes) {}
+
+  // A call with so much of a message of 1,000 bytes.
+  StreamId StartHalf(std::size_t size, const RawHttp2Peer::Fields& more = {}) {
+    const StreamId id = Start(more);
+    client_.Data(id, Framed(std::string(1000, 'x')).substr(0, sizeof(MessagePrefix) + size));
+    Exchange();
+    return id;
+  }
+};
+
+TEST_F(UnfinishedMessageTest, CallThatGoesPastTheLimitEndsAndOthersGoOn) {
+  const StreamId first = StartHalf(990);
+  StartHalf(990);
+
+  StartHalf(600);
+  EXPECT_THAT(Answer(), AllOf(HasSubstr("HEADERS 5"), HasSubstr("grpc-status=8"),
+                              HasSubstr("More than 2500 bytes of unfinished messages")));
+  client_.Data(first, std::string(10, 'x'), /*end=*/true);
+  Exchange();
+
+  EXPECT_THAT(events_, ElementsAre("call /rpc.Profile/Path", "call /rpc.Profile/Path",
+                                   "call /rpc.Profile/Path", "cancelled",
+                                   "message " + std::string(1000, 'x'), "half-close"));
+  EXPECT_EQ(connection_->unfinished_bytes(), 990u);
+}
+
+TEST_F(UnfinishedMessageTest, NothingIsLeftOfACallHoweverItEnds) {
+  client_.Reset(StartHalf(900), 8);
+  Exchange();
+  EXPECT_EQ(connection_->unfinished_bytes(), 0u);
+
+  StartHalf(900);
+  EXPECT_EQ(connection_->unfinished_bytes(), 900u);
+  calls_.back()->Finish(absl::OkStatus());
+  EXPECT_EQ(connection_->unfinished_bytes(), 0u);
+
+  StartHalf(900);
+  calls_.back()->get()->Reset(Http2Error::kCancel);
+  EXPECT_EQ(connection_->unfinished_bytes(), 0u);
+
+  client_.Data(StartHalf(900), "", /*end=*/true);
+  Exchange();
+  EXPECT_THAT(Answer(), HasSubstr("grpc-status=13"));
+  EXPECT_EQ(connection_->unfinished_bytes(), 0u);
+
+  StartHalf(900, {{"grpc-timeout", "1m"}});
+  EXPECT_TRUE(loop_.RunUntil([&] { return calls_.back()->get() == nullptr; }));
+  EXPECT_EQ(connection_->unfinished_bytes(), 0u);
+}
+
+TEST_F(UnfinishedMessageTest, WhatComesForACallThatHasEndedIsNotKept) {
+  on_call_ = [](TestCall& call) {
+    call.OnEvent([&call](const std::string&) { call.Finish(absl::OkStatus()); });
+  };
+  const StreamId id = Start();
+  client_.Data(id, Framed("the only one") + Framed(std::string(1000, 'x')).substr(0, 500));
+  client_.Data(id, std::string(100, 'x'));
+  Exchange();
+
+  EXPECT_EQ(connection_->unfinished_bytes(), 0u);
+  EXPECT_THAT(Answer(), HasSubstr("grpc-status=0"));
+}
+
+TEST_F(UnfinishedMessageTest, ConnectionIsLostInTheMiddleOfMessages) {
+  StartHalf(900);
+  StartHalf(900);
+
+  peer_.Break();
+
+  EXPECT_EQ(std::count(events_.begin(), events_.end(), "cancelled"), 2);
+}
+
+class TinyUnfinishedMessageTest : public UnfinishedMessageTest {
+ protected:
+  TinyUnfinishedMessageTest() : UnfinishedMessageTest(10) {}
+};
+
+TEST_F(TinyUnfinishedMessageTest, OneMessageOfTheLargestSizeIsAlwaysPossible) {
+  const StreamId id = StartHalf(990);
+  client_.Data(id, std::string(10, 'x'), /*end=*/true);
+  Exchange();
+
+  EXPECT_THAT(events_, ElementsAre("call /rpc.Profile/Path", "message " + std::string(1000, 'x'),
+                                   "half-close"));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "core/net/http2_connection.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "core/net/loop_clock.h"
@@ -40,13 +41,8 @@ void Http2Connection::OnBytes(std::string_view bytes) {
   if (linger_timer_ != nullptr) return Ignore(bytes);
   bytes_received_ += bytes.size();
   flush_follows_ = true;
-  const absl::Status status = session_.ProcessBytes(bytes);
-  if (status.ok()) {
-    Flush();
-  } else {
-    WriteOutput();  // As much as goes: it may tell the peer what was wrong.
-    End(status);
-  }
+  fault_ = session_.ProcessBytes(bytes);
+  Flush();
 }
 
 void Http2Connection::OnWritable() {
@@ -54,7 +50,7 @@ void Http2Connection::OnWritable() {
 }
 
 void Http2Connection::OnClosed(const absl::Status& status) {
-  if (linger_timer_ != nullptr) return End(session_.failure());
+  if (linger_timer_ != nullptr) return End(Failure());
   stream_failure_ = status;
   End(status.ok() ? absl::UnavailableError("the peer closed the connection") : status);
 }
@@ -80,19 +76,23 @@ void Http2Connection::OnOutputPending() {
 void Http2Connection::Flush() {
   if (stream_ == nullptr) return;
   flush_follows_ = true;
-  const bool all_written = WriteOutput();
+  const bool all_written = WriteOutput() && stream_->unwritten() == 0;
   if (!all_written) session_.OnOutputStuck();
   flush_follows_ = false;
-  // A peer that broke the protocol hears of it as far as it reads; nobody waits for it.
-  if (session_.broken_rule().has_value()) {
-    Linger(all_written);
-  } else if (session_.IsFinished() && !session_.failure().ok()) {
-    End(session_.failure());
-  } else if (session_.IsFinished() && all_written) {
+  if (IsBroken() || (session_.IsFinished() && all_written)) {
     Linger(all_written);
   } else if (guard_.WantsLookAtOutput() && (!all_written || session_.activity().bytes_queued > 0)) {
     Look();
   }
+}
+
+bool Http2Connection::IsBroken() const {
+  return session_.broken_rule().has_value() || !fault_.ok() ||
+         (session_.IsFinished() && !session_.failure().ok());
+}
+
+absl::Status Http2Connection::Failure() const {
+  return fault_.ok() ? session_.failure() : fault_;
 }
 
 bool Http2Connection::WriteOutput() {
@@ -116,7 +116,7 @@ bool Http2Connection::Write(std::string_view bytes) {
 void Http2Connection::Linger(bool all_written) {
   if (linger_timer_ == nullptr) {
     linger_timer_ = std::make_unique<Timer>(loop_);
-    linger_timer_->Start(kLinger, [this] { End(session_.failure()); });
+    linger_timer_->Start(kLinger, [this] { End(Failure()); });
     look_timer_.Cancel();
   }
   if (!all_written || std::exchange(said_all_, true)) return;
@@ -126,22 +126,28 @@ void Http2Connection::Linger(bool all_written) {
 
 void Http2Connection::Ignore(std::string_view bytes) {
   ignored_bytes_ += bytes.size();
-  if (ignored_bytes_ > kMaxIgnoredBytes) End(session_.failure());
+  if (ignored_bytes_ > kMaxIgnoredBytes) End(Failure());
 }
 
 void Http2Connection::Look() {
   const ConnectionGuard::Verdict verdict = guard_.Look(LoopClock::now(), FindActivity());
-  if (verdict.end.has_value()) session_.EndFor(*verdict.end);
-  if (verdict.end == EdgeRule::kKeepalive) {
-    stream_failure_ = absl::UnavailableError("the peer does not answer a ping");
-  }
-  for (const StreamId stream_id : verdict.stalled_streams) {
-    session_.Reset(stream_id, Http2Error::kEnhanceYourCalm);
-  }
+  for (const StreamId stream_id : verdict.stalled_streams) session_.ResetStalled(stream_id);
   if (verdict.ping) session_.SendPing();
   if (verdict.next_look < absl::InfiniteDuration()) {
     look_timer_.Start(verdict.next_look, [this] { Look(); });
   }
+  if (verdict.end.has_value()) EndFor(*verdict.end);
+}
+
+void Http2Connection::EndFor(EdgeRule rule) {
+  if (rule == EdgeRule::kKeepalive) {
+    stream_failure_ = absl::UnavailableError("the peer does not answer a ping");
+  }
+  // At once: the session announces no output while there is some that the peer does not take, and a
+  // call that came before the GOAWAY is sent would be both served and refused.
+  flush_follows_ = true;
+  session_.EndFor(rule);
+  Flush();
 }
 
 ConnectionGuard::Activity Http2Connection::FindActivity() const {
@@ -150,8 +156,9 @@ ConnectionGuard::Activity Http2Connection::FindActivity() const {
   activity.bytes_received = bytes_received_;
   activity.streams_opened = session_.activity().streams_opened;
   activity.output = session_.FindWaitingOutput();
-  activity.output.written = bytes_written_;
-  activity.output.unwritten = unsent_.size();
+  const std::size_t held = stream_->unwritten();
+  activity.output.written = bytes_written_ - std::min<std::uint64_t>(held, bytes_written_);
+  activity.output.unwritten = unsent_.size() + held;
   return activity;
 }
 

@@ -59,6 +59,10 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   // False if the peer does not take everything now.
   bool WriteOutput();
   bool Write(std::string_view bytes);
+  // The peer broke a rule or the protocol. It hears of that as far as it reads.
+  bool IsBroken() const;
+  // Why the connection ends; OK if both ends want it.
+  absl::Status Failure() const;
   // Waits a little until the peer has taken what is still to be written, and has closed: a
   // connection that is closed with bytes on their way to it is reset, and the peer may never see
   // what was sent last. Nobody listens to it any more.
@@ -67,6 +71,8 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   void End(const absl::Status& status);
   // Looks at the limits, and does what follows.
   void Look();
+  // May destroy this.
+  void EndFor(EdgeRule rule);
   ConnectionGuard::Activity FindActivity() const;
 
   EventLoop& loop_;
@@ -75,6 +81,7 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   Http2Session session_;
   std::string unsent_;  // Taken from the session, and not yet taken by the peer.
   bool flush_follows_ = false;
+  absl::Status fault_;  // What the peer sent was no HTTP/2.
   std::uint64_t bytes_received_ = 0;
   std::uint64_t bytes_written_ = 0;
   ConnectionGuard guard_;

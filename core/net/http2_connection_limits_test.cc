@@ -33,10 +33,14 @@ class Http2ConnectionLimitsTest : public ::testing::Test, private Http2Connectio
  protected:
   Http2ConnectionLimitsTest() {
     options_.edge_counters = &counters_;
+    Connect(ConnectionLimits());
+  }
+
+  void Connect(const ConnectionLimits& limits) {
+    connection_ = nullptr;
     Http2Connection::Visitor& visitor = *this;
-    connection_ =
-        std::make_unique<Http2Connection>(loop_, peer_.MakeStream(), Http2Session::Role::kServer,
-                                          options_, visitor, ConnectionLimits());
+    connection_ = std::make_unique<Http2Connection>(
+        loop_, peer_.MakeStream(), Http2Session::Role::kServer, options_, visitor, limits);
   }
 
   // Carries bytes both ways until nobody has more to say.
@@ -189,6 +193,20 @@ TEST_F(IdleConnectionTest, CallNowAndThenKeepsItOpen) {
   EXPECT_TRUE(peer_.open());
 }
 
+TEST_F(IdleConnectionTest, CallBehindTheEndIsNotServed) {
+  Exchange();
+  for (int minute = 0; minute < 90 && ended_by(EdgeRule::kIdle) == 0; ++minute) {
+    clock_.Advance(absl::Minutes(1));
+    loop_.RunPending();  // No more than one turn of the loop.
+  }
+
+  client_.Request(kRequest, /*end=*/true);
+  Exchange();
+
+  EXPECT_EQ(client_.goaway_text(), "max_idle");
+  EXPECT_EQ(connection_->session().activity().streams_opened, 0u);
+}
+
 using StalledPeerTest = Http2ConnectionLimitsTest;
 
 TEST_F(StalledPeerTest, StreamWhoseWindowStaysClosedIsResetAmongOthers) {
@@ -252,6 +270,47 @@ TEST_F(StalledPeerTest, SocketThatTakesNothingIsClosed) {
   EXPECT_THAT(events_, Contains(absl::StrCat("closed ", id, " -1")));
 }
 
+TEST_F(StalledPeerTest, SocketThatTakesNothingIsClosedWhateverElseThereIsToSay) {
+  Exchange();
+  peer_.LimitRoom(10);
+  const StreamId id = Answer(100);
+  WaitInSilence(absl::Seconds(10));
+  connection_->session().SendData(id, "one word more", /*end_stream=*/false);
+
+  WaitInSilence(absl::Seconds(80));
+
+  EXPECT_FALSE(peer_.open());
+  EXPECT_THAT(events_, Contains(HasSubstr("peer_reads_nothing")));
+  EXPECT_EQ(ended_by(EdgeRule::kStalled), 1u);
+}
+
+TEST_F(StalledPeerTest, StreamThatHoldsAllAndGetsNothingThroughIsClosed) {
+  Exchange();
+  peer_.LetStreamHold(64 << 10);
+  peer_.LimitRoom(10);
+  Answer(100);
+  Wait(absl::Seconds(59));
+  EXPECT_TRUE(peer_.open());
+
+  Wait(absl::Seconds(20));
+
+  EXPECT_FALSE(peer_.open());
+  EXPECT_EQ(ended_by(EdgeRule::kStalled), 1u);
+}
+
+TEST_F(StalledPeerTest, StreamThatHoldsAllAndGetsItThroughSlowlyIsNot) {
+  Exchange();
+  peer_.LetStreamHold(64 << 10);
+  peer_.LimitRoom(10);
+  const StreamId id = Answer(50 << 10);
+
+  while (client_.body(id).size() < 50 << 10) {
+    peer_.MakeRoom(2000);
+    Wait(absl::Seconds(45));
+    ASSERT_TRUE(peer_.open());
+  }
+}
+
 TEST_F(StalledPeerTest, SocketThatTakesEverythingLateIsNot) {
   Exchange();
   for (int turn = 0; turn < 20; ++turn) {
@@ -295,6 +354,21 @@ TEST_F(ServerKeepaliveTest, PeerThatDoesNotAnswerIsGivenUp) {
   EXPECT_FALSE(peer_.open());
   EXPECT_THAT(events_,
               ElementsAre(absl::StrCat("closed ", id, " -1"), HasSubstr("keepalive_timeout")));
+  EXPECT_EQ(ended_by(EdgeRule::kKeepalive), 1u);
+}
+
+TEST_F(ServerKeepaliveTest, PeerThatDoesNotEvenReadIsGivenUp) {
+  ConnectionLimits limits = ConnectionLimits::None();
+  limits.keepalive_time = absl::Seconds(100);
+  limits.keepalive_timeout = absl::Seconds(20);
+  Connect(limits);
+  Exchange();
+  peer_.LimitRoom(10);
+  Answer(100);
+
+  WaitInSilence(absl::Minutes(3));
+
+  EXPECT_FALSE(peer_.open());
   EXPECT_EQ(ended_by(EdgeRule::kKeepalive), 1u);
 }
 

@@ -212,7 +212,11 @@ TEST_F(Http2ConnectionTest, APeerThatForcesResetsAndReadsNoneIsDropped) {
 }
 
 TEST_F(Http2ConnectionTest, BytesThatAreNoHttp2EndTheConnectionWithAnError) {
+  testing::FakeClock clock;
   peer_.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(peer_.has_farewell());
+
+  WaitForFarewell(clock);
 
   EXPECT_FALSE(peer_.open());
   ASSERT_EQ(events_.size(), 1u);
@@ -226,17 +230,46 @@ TEST_F(Http2ConnectionTest, AProtocolErrorEndsTheConnectionWithAnErrorAndTellsTh
 
   peer_.Send(MakeFrame(/*DATA*/ 0, 0, /*stream_id=*/0, "x"));
   client_.Receive(peer_.Take());
+  peer_.Close();
 
   EXPECT_THAT(events_, ElementsAre("headers 1", "closed 1 -1",
                                    HasSubstr("connection closed: INVALID_ARGUMENT")));
   EXPECT_THAT(client_.events(), ElementsAre("GOAWAY 1 1"));
 }
 
+// Closing at once would reset the connection under the peer's last bytes, and lose the GOAWAY.
+TEST_F(Http2ConnectionTest, APeerThatBrokeTheProtocolHasTimeToReadOfIt) {
+  testing::FakeClock clock;
+  for (const std::string& fault : {MakeFrame(/*DATA*/ 0, 0, /*stream_id=*/0, "x"),
+                                   MakeFrame(/*unknown*/ 200, 0, 0, std::string(20'000, 'x'))}) {
+    connection_ = nullptr;
+    Connect();
+    RawHttp2Peer client(RawHttp2Peer::Role::kClient);
+    peer_.Send(client.Take());
+    peer_.LimitRoom(0);
+    events_.clear();
+
+    peer_.Send(fault);
+    peer_.Send("bytes that nobody hears any more");
+    clock.Advance(absl::Milliseconds(900));
+    loop_.RunPending();
+    peer_.MakeRoom();
+    client.Receive(peer_.Take());
+
+    EXPECT_THAT(client.events(), ElementsAre(HasSubstr("GOAWAY 0 ")));
+    EXPECT_TRUE(peer_.has_farewell());
+    WaitForFarewell(clock);
+    EXPECT_THAT(events_, ElementsAre(HasSubstr("connection closed: INVALID_ARGUMENT")));
+  }
+}
+
 TEST_F(Http2ConnectionTest, AProtocolErrorOfAPeerThatDoesNotReadEndsTheConnectionToo) {
+  testing::FakeClock clock;
   Exchange();
   peer_.LimitRoom(3);
 
   peer_.Send(MakeFrame(/*DATA*/ 0, 0, /*stream_id=*/0, "x"));
+  WaitForFarewell(clock);
 
   EXPECT_FALSE(peer_.open());
   EXPECT_THAT(events_, ElementsAre(HasSubstr("connection closed: INVALID_ARGUMENT")));
@@ -286,10 +319,11 @@ TEST_F(Http2ConnectionTest, MayBeDestroyedWhenItHasEnded) {
 }
 
 TEST_F(Http2ConnectionTest, MayBeDestroyedWhenAProtocolErrorHasEndedIt) {
+  testing::FakeClock clock;
   destroy_at_end_ = true;
 
   peer_.Send("GET / HTTP/1.1\r\n\r\n");
-  loop_.RunPending();
+  WaitForFarewell(clock);
 
   EXPECT_EQ(connection_, nullptr);
 }
@@ -344,6 +378,23 @@ TEST_F(Http2ConnectionTest, AGoawayEndsTheConnectionAfterTheLastStream) {
   EXPECT_FALSE(peer_.open());
   EXPECT_EQ(events_.back(), "connection closed: OK");
   EXPECT_EQ(client_.body(id), "xxxxxxxxxx!");
+}
+
+TEST_F(Http2ConnectionTest, AnAnswerThatTheStreamStillHoldsIsNotCutOffAtTheEnd) {
+  Exchange();
+  peer_.LetStreamHold(64 << 10);
+  peer_.LimitRoom(100);
+  const StreamId id = Answer(10'000);
+  connection_->session().SendGoaway();
+  connection_->session().SendData(id, "!", /*end_stream=*/true);
+
+  Exchange();
+  EXPECT_FALSE(peer_.has_farewell());
+  peer_.MakeRoom();
+  Exchange();
+
+  EXPECT_TRUE(peer_.has_farewell());
+  EXPECT_EQ(client_.body(id).size(), 10'001u);
 }
 
 TEST_F(Http2ConnectionTest, ThePeersGoawayWithNothingOpenEndsTheConnection) {

@@ -226,6 +226,19 @@ TEST_F(Http2FloodTest, MadeYouResetByHeadersThatAreTooLarge) {
   ExpectEndedFor(EdgeRule::kResets);
 }
 
+TEST_F(Http2FloodTest, HeadersThatAreFarTooLargeAreResetAndCountedOnce) {
+  options_.max_header_list_bytes = 500;
+  options_.floods.resets = {10, 0};
+  Connect();
+  const auto request = RequestWith("x", std::string(5'000, 'x'));
+
+  for (int i = 0; i < 10; ++i) Open(request);
+
+  EXPECT_EQ(counters_.resets_sent, 10u);
+  EXPECT_EQ(opened_, 0);
+  ExpectAlive();
+}
+
 // CVE-2024-27316.
 TEST_F(Http2FloodTest, ContinuationFlood) {
   Connect();

@@ -486,6 +486,12 @@ void Http2Session::Reset(StreamId stream_id, Http2Error error) {
   AnnounceOutput();
 }
 
+void Http2Session::ResetStalled(StreamId stream_id) {
+  Stream* stream = Find(stream_id);
+  if (stream != nullptr && stream->handler != nullptr) stream->handler->OnStalled();
+  Reset(stream_id, Http2Error::kEnhanceYourCalm);
+}
+
 void Http2Session::SendGoaway(Http2Error error, std::string_view reason) {
   if (closed_) return;
   CheckOk(nghttp2_submit_goaway(session_.get(), NGHTTP2_FLAG_NONE,

@@ -83,6 +83,9 @@ class Http2Session {
     // All that was sent on the stream is on its way: time to send more of what waits elsewhere.
     // Comes while output is taken; sending is fine, as everywhere.
     virtual void OnSendQueueEmpty() {}
+    // The peer does not read what was sent on the stream, which is therefore reset; OnClosed
+    // follows.
+    virtual void OnStalled() {}
     // The stream is gone; kNoError if both ends had finished with it. The last call: the session
     // then destroys the handler.
     virtual void OnClosed(Http2Error error) = 0;
@@ -158,6 +161,8 @@ class Http2Session {
   // Ends the stream behind what was sent, with a trailing header block.
   void SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers);
   void Reset(StreamId stream_id, Http2Error error);
+  // Resets a stream of which the peer reads nothing, with kEnhanceYourCalm.
+  void ResetStalled(StreamId stream_id);
   // Tells the peer that the connection ends, and why: new streams are not processed, open ones go
   // on. The session is finished once the last of them is closed.
   void SendGoaway(Http2Error error = Http2Error::kNoError, std::string_view reason = {});

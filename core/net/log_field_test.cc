@@ -28,6 +28,25 @@ TEST(LogFieldTest, ControlBytesAreEscaped) {
   EXPECT_EQ(LogField("method", std::string_view("a\nb\0z\x1b", 6)), R"( method="a\nb\x00z\x1b")");
 }
 
+TEST(LogFieldTest, LongValueIsCut) {
+  const std::string most(kMaxLogFieldBytes, 'a');
+
+  EXPECT_EQ(LogField("method", most), " method=" + most);
+  EXPECT_EQ(LogField("method", most + "b"), " method=" + most + "...");
+  EXPECT_EQ(LogField("method", most + " "), " method=\"" + most + "...\"");
+}
+
+TEST(LogFieldTest, CutValueIsMeasuredAsItIsEscapedAndKeepsCharactersWhole) {
+  const std::string bells(8192, '\a');
+  std::string letters;
+  for (int i = 0; i < 1000; ++i) letters += "\u65e5";
+  std::string bells_shown;
+  for (int i = 0; i < 64; ++i) bells_shown += "\\x07";
+
+  EXPECT_EQ(LogField("method", bells), " method=\"" + bells_shown + "...\"");
+  EXPECT_EQ(LogField("method", letters), " method=\"" + letters.substr(0, 85 * 3) + "...\"");
+}
+
 TEST(LogFieldTest, LettersOfAnyLanguageStay) {
   EXPECT_EQ(LogField("path", "/home/j\u00fcrgen"), " path=\"/home/j\u00fcrgen\"");
 }

@@ -42,6 +42,12 @@ absl::Status MessageReader::Finish() const {
                    message_size(), " bytes arrived"));
 }
 
+void MessageReader::Discard() {
+  if (!mid_message()) return;
+  prefix_filled_ = 0;
+  std::string().swap(gathered_);
+}
+
 // Reads up to the end of one message or of the chunk, whichever comes first.
 absl::Status MessageReader::ReadPiece(std::string_view& chunk, OnMessage on_message) {
   if (!prefix_complete()) {

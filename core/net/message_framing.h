@@ -47,6 +47,13 @@ class MessageReader {
   // True while a message has begun and not ended. False inside `on_message`.
   bool mid_message() const { return prefix_filled_ > 0; }
 
+  // How much of a message that has not ended was gathered; without its prefix.
+  size_t unfinished_bytes() const { return mid_message() ? gathered_.size() : 0; }
+
+  // Gives back what there is of a message that has not ended, and its buffer. Nothing is to be read
+  // afterwards. Does nothing inside `on_message`.
+  void Discard();
+
   // What the buffer takes up.
   size_t buffer_capacity() const { return gathered_.capacity(); }
 

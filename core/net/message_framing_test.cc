@@ -165,6 +165,47 @@ TEST(MessageReaderTest, TheBufferIsKeptAfterASmallMessage) {
   EXPECT_GE(reader.buffer_capacity(), 1000u);
 }
 
+TEST(MessageReaderTest, UnfinishedIsWhatWasGatheredOfAMessage) {
+  MessageReader reader(kMaxMessageSize);
+  const std::string wire = Framed(std::string(100, 'x'));
+  const auto expect_none = [&](std::string_view, bool) {
+    EXPECT_EQ(reader.unfinished_bytes(), 0u);
+    return absl::OkStatus();
+  };
+
+  ASSERT_EQ(reader.Read(wire.substr(0, 3), expect_none), absl::OkStatus());
+  EXPECT_EQ(reader.unfinished_bytes(), 0u);
+  ASSERT_EQ(reader.Read(wire.substr(3, 42), expect_none), absl::OkStatus());
+  EXPECT_EQ(reader.unfinished_bytes(), 40u);
+  ASSERT_EQ(reader.Read(wire.substr(45), expect_none), absl::OkStatus());
+  EXPECT_EQ(reader.unfinished_bytes(), 0u);
+}
+
+TEST(MessageReaderTest, WhatIsDiscardedIsGivenBack) {
+  MessageReader reader(kMaxMessageSize);
+  ASSERT_EQ(reader.Read(Framed(std::string(1000, 'x')).substr(0, 500), IgnoreMessage),
+            absl::OkStatus());
+
+  reader.Discard();
+
+  EXPECT_EQ(reader.unfinished_bytes(), 0u);
+  EXPECT_EQ(reader.buffer_capacity(), std::string().capacity());
+}
+
+TEST(MessageReaderTest, MessageThatIsBeingReadIsNotDiscarded) {
+  MessageReader reader(kMaxMessageSize);
+  const std::string wire = Framed(std::string(1000, 'x'));
+  ASSERT_EQ(reader.Read(wire.substr(0, 500), IgnoreMessage), absl::OkStatus());
+
+  const absl::Status status = reader.Read(wire.substr(500), [&](std::string_view message, bool) {
+    reader.Discard();
+    EXPECT_EQ(message, std::string(1000, 'x'));
+    return absl::OkStatus();
+  });
+
+  EXPECT_EQ(status, absl::OkStatus());
+}
+
 TEST(MessageReaderTest, AMessageOfTheLargestSizeIsRead) {
   MessageReader reader(5);
   std::vector<std::string> messages;

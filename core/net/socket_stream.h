@@ -45,6 +45,8 @@ class Listener {
   virtual const Address& address() const = 0;
   // Counts those who came and were not let in.
   virtual std::uint64_t refused() const = 0;
+  // Connections that are open, and still have to show who they are.
+  virtual std::size_t handshakes() const { return 0; }
 };
 
 // Connects to `address`, and then calls `done` once, from the loop, unless the returned object is

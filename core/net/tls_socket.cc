@@ -18,11 +18,12 @@ namespace {
 class TlsListener : public Listener {
  public:
   TlsListener(EventLoop& loop, const TlsServerOptions& options,
-              std::unique_ptr<TlsServerContext> context, OnAccept on_accept)
+              std::unique_ptr<TlsServerContext> context, OnAccept on_accept, HasRoom has_room)
       : loop_(loop),
         options_(options),
         context_(std::move(context)),
-        on_accept_(std::move(on_accept)) {}
+        on_accept_(std::move(on_accept)),
+        has_room_(std::move(has_room)) {}
 
   absl::Status Start(const Address& address) {
     return Keep(Listen(loop_, address, Handshaker(), SocketOptions()));
@@ -31,6 +32,7 @@ class TlsListener : public Listener {
 
   const Address& address() const override { return listener_->address(); }
   std::uint64_t refused() const override { return listener_->refused() + refused_; }
+  std::size_t handshakes() const override { return handshakes_.size(); }
 
  private:
   using Handshakes = std::list<std::unique_ptr<TlsStream>>;
@@ -52,7 +54,7 @@ class TlsListener : public Listener {
   }
 
   void Handshake(std::unique_ptr<ByteStream> socket) {
-    if (!handshakes_.empty() && handshakes_.size() >= options_.max_handshakes) {
+    if (!handshakes_.empty() && IsFull()) {
       End(handshakes_.begin(), absl::ResourceExhaustedError("too many handshakes at a time"));
     }
     const auto place = handshakes_.insert(
@@ -60,6 +62,10 @@ class TlsListener : public Listener {
         std::make_unique<TlsStream>(loop_, std::move(socket), context_->NewConnection()));
     (*place)->Handshake(options_.handshake_timeout,
                         [this, place](const absl::Status& status) { End(place, status); });
+  }
+
+  bool IsFull() const {
+    return handshakes_.size() >= options_.max_handshakes || (has_room_ && !has_room_());
   }
 
   void End(Handshakes::iterator place, const absl::Status& status) {
@@ -87,6 +93,7 @@ class TlsListener : public Listener {
   const TlsServerOptions options_;
   const std::unique_ptr<TlsServerContext> context_;
   const OnAccept on_accept_;
+  const HasRoom has_room_;
   std::uint64_t refused_ = 0;
   LogLimiter refusals_;
   std::unique_ptr<Listener> listener_;
@@ -98,7 +105,7 @@ template <class Where>
 absl::StatusOr<std::unique_ptr<Listener>> StartTls(EventLoop& loop, const Where& where,
                                                    const Address& address,
                                                    const TlsServerOptions& options,
-                                                   Listener::OnAccept on_accept) {
+                                                   Listener::OnAccept on_accept, HasRoom has_room) {
   if (address.kind != Address::Kind::kTcp) {
     return absl::InvalidArgumentError(
         absl::StrCat("cannot listen on ", address.ToString(), ": TLS is for TCP addresses"));
@@ -108,8 +115,8 @@ absl::StatusOr<std::unique_ptr<Listener>> StartTls(EventLoop& loop, const Where&
     return absl::FailedPreconditionError(absl::StrCat("cannot listen on ", address.ToString(),
                                                       " with TLS: ", context.status().message()));
   }
-  auto listener =
-      std::make_unique<TlsListener>(loop, options, *std::move(context), std::move(on_accept));
+  auto listener = std::make_unique<TlsListener>(loop, options, *std::move(context),
+                                                std::move(on_accept), std::move(has_room));
   if (absl::Status status = listener->Start(where); !status.ok()) return status;
   return std::unique_ptr<Listener>(std::move(listener));
 }
@@ -159,16 +166,17 @@ class TlsConnector : public Connector {
 
 absl::StatusOr<std::unique_ptr<Listener>> ListenTls(EventLoop& loop, const Address& address,
                                                     const TlsServerOptions& options,
-                                                    Listener::OnAccept on_accept) {
-  return StartTls(loop, address, address, options, std::move(on_accept));
+                                                    Listener::OnAccept on_accept,
+                                                    HasRoom has_room) {
+  return StartTls(loop, address, address, options, std::move(on_accept), std::move(has_room));
 }
 
 absl::StatusOr<std::unique_ptr<Listener>> AdoptTls(EventLoop& loop, int fd,
                                                    const TlsServerOptions& options,
-                                                   Listener::OnAccept on_accept) {
+                                                   Listener::OnAccept on_accept, HasRoom has_room) {
   const absl::StatusOr<Address> address = InheritedAddress(fd);
   if (!address.ok()) return address.status();
-  return StartTls(loop, fd, *address, options, std::move(on_accept));
+  return StartTls(loop, fd, *address, options, std::move(on_accept), std::move(has_room));
 }
 
 std::unique_ptr<Connector> ConnectTls(EventLoop& loop, const Address& address,

@@ -84,11 +84,13 @@ class TlsSocketTest : public ::testing::Test {
   }
 
   absl::Status Listen(const std::string& address = "127.0.0.1:0") {
-    auto listener = ListenTls(loop_, *Address::Parse(address), server_options_,
-                              [this](std::unique_ptr<ByteStream> s) {
-                                accepted_.push_back(std::make_unique<End>(std::move(s)));
-                                accepted_.back()->Send("!");
-                              });
+    auto listener = ListenTls(
+        loop_, *Address::Parse(address), server_options_,
+        [this](std::unique_ptr<ByteStream> s) {
+          accepted_.push_back(std::make_unique<End>(std::move(s)));
+          accepted_.back()->Send("!");
+        },
+        has_room_);
     if (!listener.ok()) return listener.status();
     listener_ = *std::move(listener);
     address_ = listener_->address();
@@ -147,6 +149,7 @@ class TlsSocketTest : public ::testing::Test {
   EventLoop loop_;
   Address address_;
   std::vector<std::unique_ptr<End>> accepted_;
+  HasRoom has_room_;
   std::unique_ptr<Listener> listener_;
 };
 
@@ -273,6 +276,30 @@ TEST_F(TlsSocketTest, TooManyHandshakesEndTheOldest) {
 
   EXPECT_FALSE(second->closed());
   EXPECT_EQ(listener_->refused(), 1u);
+}
+
+TEST_F(TlsSocketTest, WithoutRoomAHandshakeTakesThePlaceOfTheOldest) {
+  std::size_t places = 2;
+  has_room_ = [&] { return listener_->handshakes() < places; };
+  ASSERT_EQ(Listen(), absl::OkStatus());
+  const auto first = ConnectPlainly();
+  const auto second = ConnectPlainly();
+
+  const auto client = Connect();
+  ASSERT_TRUE(client.ok()) << client.status();
+  loop_.RunUntil([&] { return first->closed() && !accepted_.empty(); });
+
+  EXPECT_FALSE(second->closed());
+  EXPECT_EQ(listener_->handshakes(), 1u);
+}
+
+TEST_F(TlsSocketTest, WithoutAnyRoomThereIsOneHandshakeAtATime) {
+  has_room_ = [] { return false; };
+  ASSERT_EQ(Listen(), absl::OkStatus());
+
+  const auto client = Connect();
+
+  EXPECT_TRUE(client.ok()) << client.status();
 }
 
 TEST_F(TlsSocketTest, NewCertificateIsServedWithoutARestart) {

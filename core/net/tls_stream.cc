@@ -88,14 +88,20 @@ TlsStream::~TlsStream() {
 
 void TlsStream::SayFarewell() {
   if (state_ != State::kOpen || !outgoing_.empty()) return;
+  if ((SSL_get_shutdown(ssl_.get()) & SSL_SENT_SHUTDOWN) != 0) return;
   ERR_clear_error();
   SSL_shutdown(ssl_.get());
   Flush();
 }
 
 void TlsStream::ShutdownWrite() {
+  ends_writing_ = true;
+  EndWriting();
+}
+
+void TlsStream::EndWriting() {
   SayFarewell();
-  below_->ShutdownWrite();
+  if (outgoing_.empty()) below_->ShutdownWrite();
 }
 
 void TlsStream::Handshake(absl::Duration timeout, Done done) {
@@ -136,7 +142,7 @@ std::size_t TlsStream::Write(std::string_view bytes) {
     written += piece.size();
     Flush();
   }
-  if (written < bytes.size()) write_fell_short_ = true;
+  if (!outgoing_.empty()) visitor_waits_ = true;
   return written;
 }
 
@@ -155,8 +161,10 @@ void TlsStream::OnBytes(std::string_view bytes) {
 
 void TlsStream::OnWritable() {
   Flush();
-  if (!outgoing_.empty() || state_ != State::kOpen || visitor_ == nullptr) return;
-  if (std::exchange(write_fell_short_, false)) visitor_->OnWritable();
+  if (!outgoing_.empty()) return;
+  if (ends_writing_) return EndWriting();
+  if (state_ != State::kOpen || visitor_ == nullptr) return;
+  if (std::exchange(visitor_waits_, false)) visitor_->OnWritable();
 }
 
 void TlsStream::OnClosed(const absl::Status& status) {

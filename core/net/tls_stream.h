@@ -40,6 +40,7 @@ class TlsStream : public ByteStream, private ByteStream::Visitor {
 
   void Start(ByteStream::Visitor& visitor) override;
   std::size_t Write(std::string_view bytes) override;
+  std::size_t unwritten() const override { return outgoing_.size(); }
   void ShutdownWrite() override;
   const Peer& peer() const override { return peer_; }
 
@@ -53,6 +54,8 @@ class TlsStream : public ByteStream, private ByteStream::Visitor {
   void OnClosed(const absl::Status& status) override;
 
   void SayFarewell();
+  // Once everything has gone out.
+  void EndWriting();
   void AdvanceHandshake();
   void EndHandshake(const absl::Status& status);
   // Why what the handshake arrived at will not do.
@@ -70,9 +73,10 @@ class TlsStream : public ByteStream, private ByteStream::Visitor {
   Peer peer_;
   ByteStream::Visitor* visitor_ = nullptr;
   Done done_;
-  std::string_view arrived_;  // What OpenSSL has not read yet of the bytes that are coming in.
-  std::string outgoing_;      // Encrypted, and not yet taken by the stream below.
-  bool write_fell_short_ = false;
+  std::string_view arrived_;    // What OpenSSL has not read yet of the bytes that are coming in.
+  std::string outgoing_;        // Encrypted, and not yet taken by the stream below.
+  bool visitor_waits_ = false;  // For OnWritable().
+  bool ends_writing_ = false;
   SslHandle ssl_;
   std::unique_ptr<ByteStream> below_;
   Timer timer_;

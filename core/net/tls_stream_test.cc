@@ -39,7 +39,7 @@ class End : private ByteStream::Visitor {
   // Sends all of `bytes`, as the peer reads them.
   void Send(std::string bytes) {
     unsent_ += std::move(bytes);
-    OnWritable();
+    Write();
   }
   void Close() { stream_ = nullptr; }
   void CloseAfterHandshake() { close_after_handshake_ = true; }
@@ -51,6 +51,7 @@ class End : private ByteStream::Visitor {
   bool open() const { return handshakes_ == 1 && handshake_.ok(); }
   const absl::Status& handshake() const { return handshake_; }
   const std::string& received() const { return received_; }
+  int times_writable() const { return times_writable_; }
   bool all_sent() const { return unsent_.empty(); }
   int closes() const { return closes_; }
   const absl::Status& close_status() const { return close_status_; }
@@ -60,16 +61,22 @@ class End : private ByteStream::Visitor {
     received_ += bytes;
     if (close_when_bytes_come_) Close();
   }
-  void OnWritable() override { unsent_.erase(0, stream_->Write(unsent_)); }
+  void OnWritable() override {
+    ++times_writable_;
+    Write();
+  }
   void OnClosed(const absl::Status& status) override {
     ++closes_;
     close_status_ = status;
   }
 
+  void Write() { unsent_.erase(0, stream_->Write(unsent_)); }
+
   testing::FakePeer wire_;  // Outlives its stream.
   std::unique_ptr<TlsStream> stream_;
   int handshakes_ = 0;
   absl::Status handshake_;
+  int times_writable_ = 0;
   std::string unsent_;
   std::string received_;
   int closes_ = 0;
@@ -248,6 +255,41 @@ TEST_F(TlsStreamTest, FarewellIsHeardOnceBehindTheBytes) {
   EXPECT_EQ(server_->received(), "last words");
   EXPECT_EQ(server_->closes(), 1);
   EXPECT_EQ(server_->close_status(), absl::OkStatus());
+}
+
+TEST_F(TlsStreamTest, SaysWhatItHoldsAndWhenThatHasGone) {
+  Connect();
+  Exchange();
+  EXPECT_EQ(server_->stream()->unwritten(), 0u);
+  server_->wire().LimitRoom(0);
+
+  server_->Send(std::string(1000, 'x'));
+  EXPECT_TRUE(server_->all_sent());
+  EXPECT_GE(server_->stream()->unwritten(), 1000u);
+  EXPECT_EQ(server_->times_writable(), 0);
+  server_->wire().MakeRoom();
+
+  EXPECT_EQ(server_->stream()->unwritten(), 0u);
+  EXPECT_EQ(server_->times_writable(), 1);
+}
+
+TEST_F(TlsStreamTest, EndOfWritingWaitsForWhatIsStillHeld) {
+  Connect();
+  Exchange();
+  server_->wire().LimitRoom(0);
+  server_->Send(std::string(60'000, 'x'));
+
+  server_->stream()->ShutdownWrite();
+  for (int turn = 0; turn < 7; ++turn) {
+    EXPECT_FALSE(server_->wire().has_farewell()) << turn;
+    server_->wire().MakeRoom(10'000);
+  }
+  Exchange();
+
+  EXPECT_TRUE(server_->wire().has_farewell());
+  EXPECT_EQ(client_->received().size(), 60'000u);
+  EXPECT_EQ(client_->closes(), 1);
+  EXPECT_EQ(client_->close_status(), absl::OkStatus());
 }
 
 TEST_F(TlsStreamTest, LossOfTheStreamBelowIsHeardOnce) {

@@ -13,8 +13,9 @@ OutboundQueue::Outcome OutboundQueue::PushEvent(OutboundMessage message, const s
   if (entries_.size() >= limits_.conflate_from_messages) {
     const auto waiting = newest_of_key_.find(key);
     if (waiting != newest_of_key_.end()) {
-      bytes_ += message.size();
-      bytes_ -= waiting->second->message.size();
+      const std::size_t bytes = bytes_ - waiting->second->message.size() + message.size();
+      if (bytes > limits_.max_bytes && entries_.size() > 1) return Outcome::kOverflow;
+      bytes_ = bytes;
       waiting->second->message = std::move(message);
       return Outcome::kConflated;
     }

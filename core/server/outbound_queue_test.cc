@@ -120,6 +120,16 @@ TEST(OutboundQueueTest, TooManyBytesOverflow) {
   EXPECT_EQ(queue.Push(Message(std::string(40, 'x'))), Outcome::kQueued);
 }
 
+TEST(OutboundQueueTest, EventInPlaceOfAShorterOneMayOverflow) {
+  OutboundQueue queue(Limits());
+  queue.Push(Message(std::string(60, 'x')));
+  queue.PushEvent(Event("event"), "key");
+
+  EXPECT_EQ(queue.PushEvent(Event(std::string(41, 'x')), "key"), Outcome::kOverflow);
+  EXPECT_EQ(queue.bytes(), 65U);
+  EXPECT_EQ(queue.PushEvent(Event(std::string(40, 'x')), "key"), Outcome::kConflated);
+}
+
 TEST(OutboundQueueTest, MessageThatFindsNothingWaitingMayBeOfAnyLength) {
   OutboundQueue queue(Limits());
 

@@ -62,15 +62,16 @@ absl::StatusOr<std::string> RpcServer::Listen(const std::string& address,
   VARNIC_CHECK(loop_.IsLoopThread());
   const auto parsed = net::Address::Parse(address);
   if (!parsed.ok()) return parsed.status();
-  return Keep(options.tls.has_value() ? net::ListenTls(loop_, *parsed, *options.tls, Accepter())
-                                      : net::Listener::Listen(loop_, *parsed, Accepter(),
-                                                              {options.unix_admission, false}));
+  return Keep(
+      options.tls.has_value()
+          ? net::ListenTls(loop_, *parsed, *options.tls, Accepter(), [this] { return HasRoom(); })
+          : net::Listener::Listen(loop_, *parsed, Accepter(), {options.unix_admission, false}));
 }
 
 absl::StatusOr<std::string> RpcServer::ListenOn(int fd, const ListenOptions& options) {
   VARNIC_CHECK(loop_.IsLoopThread());
   return Keep(options.tls.has_value()
-                  ? net::AdoptTls(loop_, fd, *options.tls, Accepter())
+                  ? net::AdoptTls(loop_, fd, *options.tls, Accepter(), [this] { return HasRoom(); })
                   : net::Listener::Adopt(loop_, fd, Accepter(), {options.unix_admission, false}));
 }
 
@@ -112,6 +113,7 @@ void RpcServer::Run() {
 void RpcServer::CloseConnections() {
   StopListening();
   connections_.clear();
+  refused_.Clear();
   streams_.EndAll(absl::UnavailableError(kShuttingDown));
 }
 
@@ -148,14 +150,21 @@ void RpcServer::Post(std::function<void()> task) {
   loop_.Post(std::move(task));
 }
 
+bool RpcServer::HasRoom() const {
+  std::size_t held = connections_.size();
+  for (const auto& listener : listeners_) held += listener->handshakes();
+  return held < net::ConnectionCap(options_.max_connections);
+}
+
 void RpcServer::OnAccept(std::unique_ptr<net::ByteStream> stream) {
-  if (connections_.size() >= net::ConnectionCap(options_.max_connections)) return Refuse(*stream);
+  if (!HasRoom()) return Refuse(std::move(stream));
   net::GrpcServerOptions options;
   options.http2.max_concurrent_streams = options_.max_concurrent_streams;
   options.http2.max_header_list_bytes = options_.max_header_list_bytes;
   options.http2.floods = options_.floods;
   options.http2.edge_counters = &edge_counters_;
   options.max_message_bytes = options_.max_message_bytes;
+  options.max_unfinished_bytes = options_.max_unfinished_bytes;
   options.limits = options_.connections;
   options.observer = &calls_.ForUnknown();
   net::GrpcServerConnection::Visitor& visitor = *this;
@@ -172,12 +181,11 @@ void RpcServer::LogConnection(const char* what, const net::Peer& peer, const std
       << what << " " << peer.ToString() << more;
 }
 
-void RpcServer::Refuse(net::ByteStream& stream) {
+void RpcServer::Refuse(std::unique_ptr<net::ByteStream> stream) {
   ++formerly_refused_;
   edge_counters_.CountEnd(net::EdgeRule::kConnections);
-  LogEnd(stream.peer(), net::EdgeRule::kConnections);
-  (void)stream.Write(net::RefusalOfConnection());  // As far as it goes.
-  stream.ShutdownWrite();
+  LogEnd(stream->peer(), net::EdgeRule::kConnections);
+  refused_.Add(std::move(stream));
 }
 
 void RpcServer::LogEnd(const net::Peer& peer, net::EdgeRule rule) {

@@ -17,6 +17,7 @@
 #include "core/net/edge/connection_limits.h"
 #include "core/net/edge/edge_counters.h"
 #include "core/net/edge/flood_limits.h"
+#include "core/net/edge/refused_connections.h"
 #include "core/net/event_loop.h"
 #include "core/net/grpc_server_connection.h"
 #include "core/net/log_limiter.h"
@@ -37,13 +38,16 @@ namespace varnic {
 struct ServerOptions {
   // The largest message that a client may send; a larger one ends its call with RESOURCE_EXHAUSTED.
   std::size_t max_message_bytes = 4 << 20;
+  // Bytes of messages whose end has not come, on all calls of a connection together, but at least
+  // one message of the largest size; the call whose data goes past it ends with RESOURCE_EXHAUSTED.
+  std::size_t max_unfinished_bytes = 16 << 20;
   // Calls that one connection may have open at a time; more wait at the client.
   uint32_t max_concurrent_streams = 1024;
   // Header fields of a request, with 32 bytes for each besides its own; a call that has more ends
   // with RESOURCE_EXHAUSTED.
   uint32_t max_header_list_bytes = 16 << 10;
-  // Connections that are open at a time, or as many as leave the process a quarter of its file
-  // descriptors, 256 at most; one more is told so and closed.
+  // Connections that are open at a time, with those in a TLS handshake, or as many as leave the
+  // process a quarter of its file descriptors, 256 at most; one more is told so and closed.
   std::size_t max_connections = 10'000;
   // How long a connection may be silent, idle, or not read what is sent to it.
   net::ConnectionLimits connections;
@@ -152,9 +156,11 @@ class RpcServer : private net::GrpcServerConnection::Visitor {
   void CloseConnections();
   // At the debug level only: how many come and go is the peers' choice.
   static void LogConnection(const char* what, const net::Peer& peer, const std::string& more = "");
+  // For one more connection. Those in a TLS handshake take up as much.
+  bool HasRoom() const;
   void OnAccept(std::unique_ptr<net::ByteStream> stream);
   // Lets a connection go that is one too many.
-  void Refuse(net::ByteStream& stream);
+  void Refuse(std::unique_ptr<net::ByteStream> stream);
   void LogEnd(const net::Peer& peer, net::EdgeRule rule);
   void OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& head) override;
   void OnConnectionClosed(net::GrpcServerConnection& connection,
@@ -174,6 +180,7 @@ class RpcServer : private net::GrpcServerConnection::Visitor {
   ReflectionService reflection_;
   absl::flat_hash_map<const net::GrpcServerConnection*, std::unique_ptr<net::GrpcServerConnection>>
       connections_;
+  net::RefusedConnections refused_{loop_};
   std::vector<std::unique_ptr<net::Listener>> listeners_;
   std::uint64_t formerly_refused_ = 0;  // By listeners that are gone, and here.
   std::unique_ptr<PolicyFile> policy_;  // Null while everybody who may connect may call.

@@ -7,21 +7,33 @@
 
 namespace varnic {
 
-// The transport's end of the stream's channel; owned by the channel, inside the stream object.
+// The transport's end of the stream's channel; owned by the channel, inside the stream object or
+// wherever that has moved it.
 class ServerStream::ChannelEnd : public StreamChannel::Transport {
  public:
-  explicit ChannelEnd(ServerStream& stream) : stream_(stream) {}
-  ~ChannelEnd() override { stream_.OnChannelDropped(); }
+  explicit ChannelEnd(ServerStream& stream) : stream_(&stream) {}
+  ~ChannelEnd() override {
+    if (stream_ != nullptr) stream_->OnChannelDropped();
+  }
+
+  // The stream is gone.
+  void Detach() { stream_ = nullptr; }
 
   bool Send(const ::rpc::transport::StreamMessage& envelope) override {
-    return stream_.Send(envelope);
+    return stream_ != nullptr && stream_->Send(envelope);
   }
-  bool SendEvent(const SharedEvent& event) override { return stream_.SendEvent(event); }
-  void Complete() override { stream_.Complete(); }
-  bool IsPeerPresent() const override { return stream_.call_ != nullptr && !stream_.ending_; }
+  bool SendEvent(const SharedEvent& event) override {
+    return stream_ != nullptr && stream_->SendEvent(event);
+  }
+  void Complete() override {
+    if (stream_ != nullptr) stream_->Complete();
+  }
+  bool IsPeerPresent() const override {
+    return stream_ != nullptr && stream_->call_ != nullptr && !stream_->ending_;
+  }
 
  private:
-  ServerStream& stream_;
+  ServerStream* stream_;
 };
 
 // An operation of the stream object, while it is on the stack. What ends the stream meanwhile takes
@@ -49,13 +61,21 @@ ServerStream::ServerStream(net::EventLoop& loop, const ServiceTable::Method& met
       bounds_(limits.subscriptions),
       outbound_(limits.outbound) {
   call.Accept(*this);
-  stream_.reset(method.service->OpenStream(method.descriptor,
-                                           StreamChannel(std::make_unique<ChannelEnd>(*this))));
-  if (stream_ != nullptr) call.SendHeaders();
+  auto channel_end = std::make_unique<ChannelEnd>(*this);
+  channel_end_ = channel_end.get();
+  stream_.reset(
+      method.service->OpenStream(method.descriptor, StreamChannel(std::move(channel_end))));
+  if (stream_ != nullptr) {
+    call.SendHeaders();
+  } else {
+    final_status_ = absl::UnimplementedError("The host serves no such stream");
+    FinishCall();
+  }
 }
 
 ServerStream::~ServerStream() {
   VARNIC_CHECK(!is_open());
+  if (channel_end_ != nullptr) channel_end_->Detach();
 }
 
 void ServerStream::OnMessage(std::string_view message) {
@@ -89,13 +109,13 @@ absl::Status ServerStream::Decode(std::string_view message,
   if (!status.ok()) return status;
   if (framing_ == StreamFraming::kTyped) envelope.set_call_id(content.call_id);
   is_error = is_error || content.has_error;
-  return CheckBounds(content);
+  return CheckBounds(content, envelope.payload().size());
 }
 
-absl::Status ServerStream::CheckBounds(const EnvelopeGuard::Content& content) {
+absl::Status ServerStream::CheckBounds(const EnvelopeGuard::Content& content, std::size_t bytes) {
   using Control = EnvelopeGuard::Content::Control;
   if (content.is_subscription) {
-    if (absl::Status status = bounds_.OnMessage(); !status.ok()) return status;
+    if (absl::Status status = bounds_.OnMessage(bytes); !status.ok()) return status;
   }
   if (content.control == Control::kSubscribe) return bounds_.OnSubscribe(content.key);
   if (content.control == Control::kUnsubscribe) bounds_.OnUnsubscribe(content.key);
@@ -109,6 +129,11 @@ void ServerStream::OnHalfClose() {
 void ServerStream::OnCancelled() {
   call_ = nullptr;
   End(absl::OkStatus());
+}
+
+void ServerStream::OnStalled() {
+  owner_.OnSlowReader();
+  OnCancelled();
 }
 
 void ServerStream::OnRoom() {
@@ -160,18 +185,20 @@ void ServerStream::SendOldest() {
 }
 
 void ServerStream::Complete() {
-  // What was sent before the end is sent, however slow the reader: it is bounded.
-  while (call_ != nullptr && final_status_.ok() && !outbound_.empty()) SendOldest();
-  if (call_ != nullptr) std::exchange(call_, nullptr)->Finish(final_status_);
+  FinishCall();
   if (!completed_) EndLater(absl::OkStatus());
 }
 
 void ServerStream::OnChannelDropped() {
+  channel_end_ = nullptr;
+  EndLater(absl::CancelledError("The host has dropped the stream"));
+}
+
+void ServerStream::FinishCall() {
   if (call_ == nullptr) return;
-  const bool was_open = is_open() || completed_;
-  std::exchange(call_, nullptr)
-      ->Finish(was_open ? absl::CancelledError("The host has dropped the stream")
-                        : absl::UnimplementedError("The host serves no such stream"));
+  // What was sent before the end is sent, however slow the reader: it is bounded.
+  while (final_status_.ok() && !outbound_.empty()) SendOldest();
+  std::exchange(call_, nullptr)->Finish(final_status_);
 }
 
 void ServerStream::End(const absl::Status& status) {
@@ -191,6 +218,7 @@ void ServerStream::DeliverCompleted() {
   if (std::exchange(completed_, true)) return;
   stream_->OnCompleted();
   stream_ = nullptr;
+  FinishCall();  // For a stream object that has left this to its end.
   owner_.OnStreamEnded(*this);
 }
 

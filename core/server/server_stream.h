@@ -73,17 +73,20 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   void OnMessage(std::string_view message) override;
   void OnHalfClose() override;
   void OnCancelled() override;
+  void OnStalled() override;
   void OnRoom() override;
 
   absl::Status Decode(std::string_view message, ::rpc::transport::StreamMessage& envelope,
                       bool& is_error);
-  absl::Status CheckBounds(const EnvelopeGuard::Content& content);
+  absl::Status CheckBounds(const EnvelopeGuard::Content& content, std::size_t bytes);
 
   // From the stream object, through its channel.
   bool Send(const ::rpc::transport::StreamMessage& envelope);
   bool SendEvent(const SharedEvent& event);
   void Complete();
   void OnChannelDropped();
+  // Ends the call with `final_status_`, behind what waits if that is OK.
+  void FinishCall();
 
   // False, with `message` as it was, if it has to wait.
   bool SendAtOnce(OutboundMessage& message);
@@ -102,6 +105,7 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   const int call_id_field_;
   Owner& owner_;
   net::GrpcServerCall* call_;  // Null once nobody listens, or the call was finished.
+  ChannelEnd* channel_end_;    // Null once the channel is gone, which may outlive this.
   SubscriptionBounds bounds_;
   OutboundQueue outbound_;
   int operations_ = 0;  // Of the stream object, that are on the stack.

@@ -4,10 +4,17 @@
 
 namespace varnic {
 
-absl::Status SubscriptionBounds::OnMessage() {
-  if (++messages_ <= limits_.max_messages) return absl::OkStatus();
-  return absl::ResourceExhaustedError(
-      absl::StrCat("More than ", limits_.max_messages, " subscription messages on one stream"));
+absl::Status SubscriptionBounds::OnMessage(std::size_t bytes) {
+  bytes_ += bytes;
+  if (++messages_ > limits_.max_messages) {
+    return absl::ResourceExhaustedError(
+        absl::StrCat("More than ", limits_.max_messages, " subscription messages on one stream"));
+  }
+  if (bytes_ > limits_.max_bytes) {
+    return absl::ResourceExhaustedError(absl::StrCat(
+        "More than ", limits_.max_bytes, " bytes of subscription messages on one stream"));
+  }
+  return absl::OkStatus();
 }
 
 absl::Status SubscriptionBounds::OnSubscribe(const std::string& key) {

@@ -16,6 +16,9 @@ struct SubscriptionLimits {
   // Messages that subscribe or unsubscribe, over the stream's life. An event stream never frees one
   // (and counts every message it gets as one), so what a stream leaves behind is bounded by this.
   std::size_t max_messages = 4096;
+  // And bytes of all these messages together, as they came, over the stream's life. Parsed, they
+  // take several times as much.
+  std::size_t max_bytes = 1 << 20;
 };
 
 // Counts one stream's subscriptions. Two keys are the same if they serialise alike.
@@ -25,7 +28,7 @@ class SubscriptionBounds {
 
   // Each before the stream gets the message. RESOURCE_EXHAUSTED names the limit; the stream has to
   // end.
-  absl::Status OnMessage();
+  absl::Status OnMessage(std::size_t bytes);
   absl::Status OnSubscribe(const std::string& key);
   void OnUnsubscribe(const std::string& key);
 
@@ -34,6 +37,7 @@ class SubscriptionBounds {
  private:
   const SubscriptionLimits limits_;
   std::size_t messages_ = 0;
+  std::size_t bytes_ = 0;
   absl::flat_hash_set<std::string> keys_;
 };
 

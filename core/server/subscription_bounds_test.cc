@@ -9,6 +9,7 @@ SubscriptionLimits Limits() {
   SubscriptionLimits limits;
   limits.max_subscriptions = 2;
   limits.max_messages = 3;
+  limits.max_bytes = 100;
   return limits;
 }
 
@@ -42,10 +43,25 @@ TEST(SubscriptionBoundsTest, UnsubscribingMakesRoom) {
 
 TEST(SubscriptionBoundsTest, MessagesAreCountedOverTheLifeOfTheStream) {
   SubscriptionBounds bounds(Limits());
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(bounds.OnMessage().ok());
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(bounds.OnMessage(1).ok());
 
-  EXPECT_EQ(bounds.OnMessage(),
+  EXPECT_EQ(bounds.OnMessage(1),
             absl::ResourceExhaustedError("More than 3 subscription messages on one stream"));
+}
+
+TEST(SubscriptionBoundsTest, BytesAreCountedOverTheLifeOfTheStream) {
+  SubscriptionBounds bounds(Limits());
+  EXPECT_TRUE(bounds.OnMessage(60).ok());
+  EXPECT_TRUE(bounds.OnMessage(40).ok());
+
+  EXPECT_EQ(bounds.OnMessage(1), absl::ResourceExhaustedError(
+                                     "More than 100 bytes of subscription messages on one stream"));
+}
+
+TEST(SubscriptionBoundsTest, OneMessageMayBeTooLarge) {
+  SubscriptionBounds bounds(Limits());
+
+  EXPECT_EQ(bounds.OnMessage(101).code(), absl::StatusCode::kResourceExhausted);
 }
 
 }  // namespace

@@ -16,13 +16,13 @@ class SharedEvent;
 // empty; every operation on an empty channel is harmless and does nothing.
 //
 // Destroying the last live handle of a stream that was not completed ends the stream with status
-// CANCELLED. RPC thread only.
+// CANCELLED, unless it is ending already. RPC thread only.
 class StreamChannel {
  public:
   // The transport's end of a channel: one object for each open stream, owned by its handle.
   class Transport {
    public:
-    // Ends the stream with status CANCELLED if it was not completed.
+    // Ends the stream with status CANCELLED if it was not completed and is not ending already.
     virtual ~Transport() = default;
     // Queues `envelope` for the peer. False if it can no longer be delivered. An envelope that was
     // queued is never dropped while the peer is there.

@@ -6,8 +6,8 @@
 
 namespace varnic::net {
 
-// How many connections a server may hold: `max_connections`, or as many as leave the process a
-// quarter of its file descriptors, 256 at most, for files and programs.
+// How many connections a server may hold, those in a TLS handshake too: `max_connections`, or as
+// many as leave the process a quarter of its file descriptors, 256 at most, for files and programs.
 std::size_t ConnectionCap(std::size_t max_connections);
 std::size_t ConnectionCap(std::size_t max_connections, std::size_t descriptors);
 

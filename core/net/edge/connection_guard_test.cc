@@ -69,6 +69,20 @@ TEST_F(ConnectionGuardTest, IdleConnectionEndsInTime) {
   EXPECT_EQ(now_, At(3600));
 }
 
+TEST_F(ConnectionGuardTest, LooksForOtherRulesPutALimitOffByAQuarterAtMost) {
+  limits_.max_idle = absl::Seconds(80);
+  ConnectionGuard guard(limits_, At(0));
+  activity_.output.open_streams = 1;
+  const auto delay = absl::ToChronoNanoseconds(guard.Look(At(0), activity_).next_look);
+  activity_.output.open_streams = 0;
+  guard.Look(At(0) + delay, activity_);
+
+  now_ = At(-1) + delay + delay;
+
+  EXPECT_EQ(LookUntil(guard, 1000).end, EdgeRule::kIdle);
+  EXPECT_LE(now_, At(100));
+}
+
 TEST_F(ConnectionGuardTest, OutputIsLookedAtOnlyWhileItWaits) {
   limits_.stall_timeout = absl::Seconds(60);
   ConnectionGuard guard(limits_, At(0));
@@ -76,7 +90,7 @@ TEST_F(ConnectionGuardTest, OutputIsLookedAtOnlyWhileItWaits) {
   EXPECT_TRUE(guard.WantsLookAtOutput());
 
   activity_.output.unwritten = 100;
-  EXPECT_EQ(guard.Look(At(1), activity_).next_look, absl::Seconds(15));
+  EXPECT_EQ(guard.Look(At(1), activity_).next_look, absl::Milliseconds(7500));
   EXPECT_FALSE(guard.WantsLookAtOutput());
 
   activity_.output.unwritten = 0;
@@ -116,6 +130,15 @@ TEST_F(ConnectionGuardTest, SilentPeerIsPingedAndThenEnded) {
 
   EXPECT_EQ(LookUntil(guard, 1000).end, EdgeRule::kKeepalive);
   EXPECT_EQ(now_, At(120));
+}
+
+TEST_F(ConnectionGuardTest, SilentPeerIsOnlyPingedIfItHasAllTheTimeToAnswer) {
+  limits_.keepalive_time = absl::Seconds(100);
+  limits_.keepalive_timeout = absl::ZeroDuration();
+  ConnectionGuard guard(limits_, At(0));
+  EXPECT_TRUE(LookUntil(guard, 1000).ping);
+
+  EXPECT_FALSE(LookUntil(guard, 10'000).end.has_value());
 }
 
 TEST_F(ConnectionGuardTest, PeerWithoutStreamsIsPingedOnlyIfSoWanted) {

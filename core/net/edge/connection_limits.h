@@ -30,7 +30,7 @@ struct ConnectionLimits {
   absl::Duration keepalive_timeout = absl::Seconds(20);
   // Pings are sent while no stream is open, too.
   bool keepalive_without_streams = true;
-  // Between two pings of the peer with nothing sent to it in between.
+  // Between two pings of the peer with nothing sent to it in between; see PingPolicy for the slack.
   absl::Duration min_ping_interval = absl::Seconds(10);
 };
 

@@ -54,6 +54,14 @@ TEST(ControlFrameRuleTest, StreamsAndDataPayForFrames) {
   EXPECT_EQ(Count(rule, Frame(FrameType::kWindowUpdate)), 350u);
 }
 
+TEST(ControlFrameRuleTest, WhatWasPaidForIsNotSavedUpForEver) {
+  ControlFrameRule rule(SmallLimits());
+
+  for (int i = 0; i < 100'000; ++i) rule.OnExchange();
+
+  EXPECT_EQ(Count(rule, Frame(FrameType::kPing)), ControlFrameRule::kMaxPaid + 50);
+}
+
 TEST(ControlFrameRuleTest, AReaderThatPingsAndOpensItsWindowsAtEveryFrameIsNeverStopped) {
   ControlFrameRule rule{FloodLimits()};
 

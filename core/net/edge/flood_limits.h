@@ -17,7 +17,7 @@ struct FloodLimits {
   // SETTINGS, PING, PRIORITY, WINDOW_UPDATE and whatever else carries no call...
   TokenRate control_frames = {1'000, 100};
   // ...beyond so many for each stream that the client opens, and for each DATA frame that it gets:
-  // these it needs to read, and to measure the connection.
+  // these it needs to read, and to measure the connection. No more than 20,000 of them are owed it.
   uint32_t control_frames_per_exchange = 10;
   // Frames of a call that bring nothing, and do not end it.
   TokenRate empty_frames = {100, 10};

@@ -1,6 +1,7 @@
 #ifndef CORE_NET_EDGE_KEEPALIVE_WATCH_H_
 #define CORE_NET_EDGE_KEEPALIVE_WATCH_H_
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 
@@ -22,7 +23,7 @@ class KeepaliveWatch {
   Step Look(LoopClock::time_point now, std::uint64_t bytes_received, bool wanted);
 
   // When to look again at the latest.
-  absl::Duration next_look() const { return pinged_ ? timeout_ : time_ / 4; }
+  absl::Duration next_look() const { return (pinged_ ? std::min(time_, timeout_) : time_) / 8; }
 
  private:
   const absl::Duration time_;

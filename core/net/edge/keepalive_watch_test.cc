@@ -53,13 +53,22 @@ TEST_F(KeepaliveWatchTest, NobodyIsPingedOrGivenUpWhileThatIsNotWanted) {
   EXPECT_EQ(Look(700, 50, /*wanted=*/false), Step::kNone);
 }
 
-TEST_F(KeepaliveWatchTest, LooksAgainInTimeForTheAnswer) {
-  EXPECT_EQ(watch_.next_look(), absl::Seconds(25));
+TEST_F(KeepaliveWatchTest, LooksOftenInTheTimeThatItWaitsFor) {
+  EXPECT_EQ(watch_.next_look(), absl::Milliseconds(12'500));
 
   Look(0, 0);
   Look(100, 0);
 
-  EXPECT_EQ(watch_.next_look(), absl::Seconds(20));
+  EXPECT_EQ(watch_.next_look(), absl::Milliseconds(2500));
+}
+
+TEST(KeepaliveWatchOfPatientServerTest, LooksOftenEnoughForTheNextPing) {
+  KeepaliveWatch watch(absl::Seconds(8), absl::Seconds(100));
+
+  (void)watch.Look(At(0), 0, /*wanted=*/true);
+  EXPECT_EQ(watch.Look(At(8), 0, /*wanted=*/true), Step::kPing);
+
+  EXPECT_EQ(watch.next_look(), absl::Seconds(1));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "core/net/edge/ping_policy.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace varnic::net {
@@ -10,14 +11,11 @@ constexpr int kStrikes = 2;
 }  // namespace
 
 bool PingPolicy::Admit(LoopClock::time_point now, std::uint64_t frames_sent) {
-  if (std::exchange(frames_sent_, frames_sent) != frames_sent) {
-    strikes_ = 0;
-    last_.reset();
-  }
-  if (last_.has_value() && LoopClock::Between(*last_, now) < min_interval_) {
-    return ++strikes_ <= kStrikes;
-  }
-  last_ = now;
+  const absl::Duration passed = LoopClock::Between(std::exchange(last_, now), now);
+  const bool is_free = std::exchange(frames_sent_, frames_sent) != frames_sent;
+  owed_ = is_free ? absl::ZeroDuration() : std::max(owed_ - passed, absl::ZeroDuration());
+  if (owed_ > kStrikes * cost_) return false;
+  owed_ += cost_;
   return true;
 }
 

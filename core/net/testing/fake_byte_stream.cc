@@ -13,12 +13,24 @@ class FakePeer::Stream : public ByteStream {
   void Start(Visitor& visitor) override { visitor_ = &visitor; }
 
   std::size_t Write(std::string_view bytes) override {
-    const std::size_t written = std::min(bytes.size(), peer_.room_);
-    peer_.room_ -= written;
     ++peer_.writes_;
-    peer_.taken_ += bytes.substr(0, written);
-    if (written < bytes.size()) waits_for_room_ = true;
+    std::size_t written = bytes.size();
+    if (written > peer_.room_) {
+      written = std::min(written, peer_.room_ + peer_.hold_ - peer_.held_.size());
+    }
+    peer_.held_ += bytes.substr(0, written);
+    PassOn();
+    if (written < bytes.size() || !peer_.held_.empty()) waits_for_room_ = true;
     return written;
+  }
+
+  std::size_t unwritten() const override { return peer_.held_.size(); }
+
+  void PassOn() {
+    const std::size_t passed = std::min(peer_.held_.size(), peer_.room_);
+    peer_.room_ -= passed;
+    peer_.taken_ += peer_.held_.substr(0, passed);
+    peer_.held_.erase(0, passed);
   }
 
   void ShutdownWrite() override { peer_.has_farewell_ = true; }
@@ -46,7 +58,8 @@ void FakePeer::MakeRoom(std::size_t bytes) {
   room_ = bytes < std::numeric_limits<std::size_t>::max() - room_
               ? room_ + bytes
               : std::numeric_limits<std::size_t>::max();
-  if (open() && stream_->StopWaitingForRoom()) stream_->visitor().OnWritable();
+  if (open()) stream_->PassOn();
+  if (open() && held_.empty() && stream_->StopWaitingForRoom()) stream_->visitor().OnWritable();
 }
 
 void FakePeer::Send(std::string_view bytes) {

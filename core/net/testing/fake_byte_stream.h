@@ -38,6 +38,8 @@ class FakePeer {
   int writes() const { return writes_; }
   // From now on no more than `bytes` get through.
   void LimitRoom(std::size_t bytes) { room_ = bytes; }
+  // The stream takes `bytes` more than get through, and holds them: as one that encrypts.
+  void LetStreamHold(std::size_t bytes) { hold_ = bytes; }
   // Lets `bytes` more through, and tells a stream whose last write fell short.
   void MakeRoom(std::size_t bytes = std::numeric_limits<std::size_t>::max());
 
@@ -56,6 +58,8 @@ class FakePeer {
   Peer identity_;
   Stream* stream_ = nullptr;
   std::string taken_;
+  std::string held_;
+  std::size_t hold_ = 0;
   bool has_farewell_ = false;
   int writes_ = 0;
   std::size_t room_ = std::numeric_limits<std::size_t>::max();

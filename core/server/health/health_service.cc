@@ -7,14 +7,15 @@
 
 #include "absl/strings/str_cat.h"
 #include "core/net/frame_message.h"
-#include "grpc/health/v1/health.pb.h"
+#include "core/server/builtin_service.h"
+#include "varnic/builtin/grpc/health/v1/health.pb.h"
 
 namespace varnic {
 namespace {
 
-using ::grpc::health::v1::HealthCheckRequest;
-using ::grpc::health::v1::HealthCheckResponse;
-using ::grpc::health::v1::HealthListResponse;
+using builtin::grpc::health::v1::HealthCheckRequest;
+using builtin::grpc::health::v1::HealthCheckResponse;
+using builtin::grpc::health::v1::HealthListResponse;
 
 // A watcher makes the host keep the name.
 constexpr std::size_t kMaxNameBytes = 1024;
@@ -136,7 +137,9 @@ HealthCheckResponse HealthService::Call::Response(Health health) {
 }
 
 const google::protobuf::ServiceDescriptor& HealthService::Descriptor() {
-  return *HealthCheckRequest::descriptor()->file()->FindServiceByName("Health");
+  static const google::protobuf::ServiceDescriptor& service =
+      MakePublicService(*HealthCheckRequest::descriptor()->file()->FindServiceByName("Health"));
+  return service;
 }
 
 HealthService::HealthService() {

@@ -30,9 +30,11 @@ void DurationHistogram::Add(absl::Duration duration) {
 }
 
 void CallEnds::OnCallEnded(absl::StatusCode code, absl::Duration duration) {
-  const auto number = static_cast<std::size_t>(code);
-  ++by_code_[number < kCodes ? number : static_cast<std::size_t>(absl::StatusCode::kUnknown)];
-  durations_.Add(duration);
+  auto number = static_cast<std::size_t>(code);
+  if (number >= kCodes) number = static_cast<std::size_t>(absl::StatusCode::kUnknown);
+  ++by_code_[number];
+  if (durations_[number] == nullptr) durations_[number] = std::make_unique<DurationHistogram>();
+  durations_[number]->Add(duration);
 }
 
 std::uint64_t CallEnds::total() const {

@@ -36,7 +36,8 @@ class DurationHistogram {
   double sum_seconds_ = 0;
 };
 
-// How the calls that it observes have ended, and how long they took. RPC thread only.
+// How the calls that it observes have ended, and how long they took. Takes memory at the first end
+// with each code, and none after. RPC thread only.
 class CallEnds final : public net::CallObserver {
  public:
   static constexpr std::size_t kCodes = 17;  // gRPC's, from OK.
@@ -45,11 +46,12 @@ class CallEnds final : public net::CallObserver {
 
   const std::array<std::uint64_t, kCodes>& by_code() const { return by_code_; }
   std::uint64_t total() const;
-  const DurationHistogram& durations() const { return durations_; }
+  // Null for a code with which nothing has ended.
+  const DurationHistogram* durations(std::size_t code) const { return durations_[code].get(); }
 
  private:
   std::array<std::uint64_t, kCodes> by_code_ = {};
-  DurationHistogram durations_;
+  std::array<std::unique_ptr<DurationHistogram>, kCodes> durations_;
 };
 
 // What is counted of one method.
@@ -63,8 +65,9 @@ struct MethodCounters {
   std::uint64_t streams_opened = 0;
 };
 
-// The calls of one server. Room for every method is made when its service is added, and what is no
-// method of any counts as one, so nothing that a client sends takes memory here. RPC thread only.
+// The calls of one server. Room for every method is made when its service is added, what is no
+// method of any counts as one, and codes are few, so what clients send takes hardly any memory
+// here. RPC thread only.
 class CallCounters {
  public:
   CallCounters();

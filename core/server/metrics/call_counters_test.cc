@@ -29,6 +29,10 @@ class CallCountersTest : public ::testing::Test {
     return *counters_.methods().front();
   }
 
+  const DurationHistogram* Durations(const std::string& label, absl::StatusCode code) {
+    return Of(label).calls.durations(static_cast<std::size_t>(code));
+  }
+
   CallCounters counters_;
 };
 
@@ -56,8 +60,22 @@ TEST_F(CallCountersTest, EndsAreCountedByMethodAndCode) {
   EXPECT_EQ(Count(Of(kPath).calls, absl::StatusCode::kOk), 2u);
   EXPECT_EQ(Count(Of(kPath).calls, absl::StatusCode::kNotFound), 1u);
   EXPECT_EQ(Of(kPath).calls.total(), 3u);
-  EXPECT_EQ(Of(kPath).calls.durations().sum_seconds(), 6);
   EXPECT_EQ(Of("/rpc.Profile/Name").calls.total(), 0u);
+}
+
+TEST_F(CallCountersTest, DurationsAreToldApartByCode) {
+  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kOk, absl::Seconds(1));
+  const DurationHistogram* first = Durations(kPath, absl::StatusCode::kOk);
+  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kOk, absl::Seconds(2));
+  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kNotFound, absl::Seconds(4));
+
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(Durations(kPath, absl::StatusCode::kOk), first);
+  EXPECT_EQ(first->sum_seconds(), 3);
+  ASSERT_NE(Durations(kPath, absl::StatusCode::kNotFound), nullptr);
+  EXPECT_EQ(Durations(kPath, absl::StatusCode::kNotFound)->sum_seconds(), 4);
+  EXPECT_EQ(Durations(kPath, absl::StatusCode::kCancelled), nullptr);
+  EXPECT_EQ(Durations("/rpc.Profile/Name", absl::StatusCode::kOk), nullptr);
 }
 
 TEST_F(CallCountersTest, WhateverIsNoMethodIsCountedAsOne) {

@@ -21,13 +21,23 @@ double Number(std::uint64_t count) {
   return static_cast<double>(count);
 }
 
+std::string CodeName(std::size_t code) {
+  return absl::StatusCodeToString(static_cast<absl::StatusCode>(code));
+}
+
 // OK always, so that a rate has a beginning; other codes once they have occurred.
 void AddByCode(const CallEnds& ends, const std::string& method, MetricsText& text) {
   for (std::size_t i = 0; i < CallEnds::kCodes; ++i) {
     if (i > 0 && ends.by_code()[i] == 0) continue;
-    text.Add(
-        Number(ends.by_code()[i]),
-        {{"method", method}, {"code", absl::StatusCodeToString(static_cast<absl::StatusCode>(i))}});
+    text.Add(Number(ends.by_code()[i]), {{"method", method}, {"code", CodeName(i)}});
+  }
+}
+
+// Only codes that have occurred: a histogram is many lines.
+void AddDurations(const CallEnds& ends, const std::string& method, MetricsText& text) {
+  for (std::size_t i = 0; i < CallEnds::kCodes; ++i) {
+    const DurationHistogram* durations = ends.durations(i);
+    if (durations != nullptr) text.Add(*durations, {{"method", method}, {"code", CodeName(i)}});
   }
 }
 
@@ -37,9 +47,10 @@ void AddCalls(const CallCounters& calls, MetricsText& text) {
       "Calls that have ended, but for those that became streams, by method and code.");
   for (const auto& method : calls.methods()) AddByCode(method->calls, method->label, text);
   text.BeginHistogram("varnic_call_duration_seconds",
-                      "Time from the beginning of a unary call's request to its status.");
+                      "Time from the beginning of a unary call's request to its status, by method "
+                      "and code.");
   for (const auto& method : calls.methods()) {
-    if (!method->is_stream) text.Add(method->calls.durations(), {{"method", method->label}});
+    if (!method->is_stream) AddDurations(method->calls, method->label, text);
   }
 }
 

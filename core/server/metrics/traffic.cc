@@ -22,6 +22,7 @@ class CountedStream : public net::ByteStream, private net::ByteStream::Visitor {
     return written;
   }
 
+  std::size_t unwritten() const override { return stream_->unwritten(); }
   void ShutdownWrite() override { stream_->ShutdownWrite(); }
   const net::Peer& peer() const override { return stream_->peer(); }
 

@@ -61,6 +61,11 @@ TEST(TrafficTest, EverythingElsePassesThrough) {
   Traffic traffic;
   Listener listener(CountTraffic(peer.MakeStream(), traffic));
 
+  peer.LetStreamHold(10);
+  peer.LimitRoom(0);
+  EXPECT_EQ(listener.stream().Write("answer"), 6u);
+
+  EXPECT_EQ(listener.stream().unwritten(), 6u);
   listener.stream().ShutdownWrite();
   peer.Break();
 

@@ -2,22 +2,25 @@
 
 #include <utility>
 
-#include "grpc/reflection/v1/reflection.pb.h"
-#include "grpc/reflection/v1alpha/reflection.pb.h"
+#include "core/server/builtin_service.h"
+#include "varnic/builtin/grpc/reflection/v1/reflection.pb.h"
+#include "varnic/builtin/grpc/reflection/v1alpha/reflection.pb.h"
 
 namespace varnic {
 namespace {
 
 template <class Request>
 const google::protobuf::ServiceDescriptor* ServiceOf() {
-  return Request::descriptor()->file()->FindServiceByName("ServerReflection");
+  static const google::protobuf::ServiceDescriptor& service =
+      MakePublicService(*Request::descriptor()->file()->FindServiceByName("ServerReflection"));
+  return &service;
 }
 
 }  // namespace
 
 std::array<const google::protobuf::ServiceDescriptor*, 2> ReflectionService::Descriptors() {
-  return {ServiceOf<::grpc::reflection::v1::ServerReflectionRequest>(),
-          ServiceOf<::grpc::reflection::v1alpha::ServerReflectionRequest>()};
+  return {ServiceOf<builtin::grpc::reflection::v1::ServerReflectionRequest>(),
+          ServiceOf<builtin::grpc::reflection::v1alpha::ServerReflectionRequest>()};
 }
 
 void ReflectionService::OnCall(const google::protobuf::MethodDescriptor& /*method*/,

@@ -7,7 +7,7 @@
 
 #include "absl/strings/str_cat.h"
 #include "core/net/frame_message.h"
-#include "grpc/reflection/v1/reflection.pb.h"
+#include "varnic/builtin/grpc/reflection/v1/reflection.pb.h"
 
 namespace varnic {
 namespace {

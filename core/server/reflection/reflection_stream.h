@@ -13,10 +13,10 @@
 #include "core/net/grpc_server_connection.h"
 #include "core/server/reflection/descriptor_index.h"
 
-namespace grpc::reflection::v1 {
+namespace varnic::builtin::grpc::reflection::v1 {
 class ServerReflectionRequest;
 class ServerReflectionResponse;
-}  // namespace grpc::reflection::v1
+}  // namespace varnic::builtin::grpc::reflection::v1
 
 namespace varnic {
 
@@ -42,8 +42,8 @@ class ReflectionStream final : private net::GrpcServerCall::Visitor {
   void End(const absl::Status& status) { call_.Finish(status); }
 
  private:
-  using Request = ::grpc::reflection::v1::ServerReflectionRequest;
-  using Response = ::grpc::reflection::v1::ServerReflectionResponse;
+  using Request = builtin::grpc::reflection::v1::ServerReflectionRequest;
+  using Response = builtin::grpc::reflection::v1::ServerReflectionResponse;
 
   void OnMessage(std::string_view message) override;
   void OnHalfClose() override;
