@@ -24,6 +24,19 @@ bool AnyIs(net::Address::Kind kind, const std::vector<std::string>& addresses) {
   });
 }
 
+// Every address that `option` gives has to be one.
+absl::Status CheckAddresses(const CommandLine& line, const std::string& option) {
+  if (!line.Has(option)) return absl::OkStatus();
+  for (const std::string& text : line.options.at(option)) {
+    const absl::StatusOr<net::Address> address = net::Address::Parse(text);
+    if (!address.ok()) {
+      return absl::InvalidArgumentError(
+          absl::StrCat("--", option, ": ", address.status().message()));
+    }
+  }
+  return absl::OkStatus();
+}
+
 // Appends the accounts that `option` names, which `find` looks up.
 template <class Id>
 absl::Status ReadAccounts(const CommandLine& line, const std::string& option,
@@ -148,7 +161,9 @@ absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arg
   }
   options.metrics = line->Get("metrics", "");
   options.reflection = !line->Has("no-reflection");
-  absl::Status status = ReadLog(*line, options);
+  absl::Status status = CheckAddresses(*line, "listen");
+  if (status.ok()) status = CheckAddresses(*line, "metrics");
+  if (status.ok()) status = ReadLog(*line, options);
   if (status.ok()) status = ReadAdmission(*line, options);
   if (status.ok()) status = ReadTls(*line, options);
   if (!status.ok()) return status;

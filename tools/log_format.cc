@@ -63,12 +63,32 @@ std::string JsonLine(const LogRecord& record) {
   return json.dump(-1, ' ', /*ensure_ascii=*/true, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-}  // namespace
-
-std::string FormatLogRecord(LogFormat format, const LogRecord& record) {
+std::string Line(LogFormat format, const LogRecord& record) {
   if (format == LogFormat::kJson) return JsonLine(record);
   if (format == LogFormat::kText) return TextLine(record);
   return absl::StrCat("<", LevelOf(record.severity).journal_priority, ">", TextLine(record));
+}
+
+// The whole text, or its beginning, to the end of a character.
+std::string Cut(const std::string& text, std::size_t bytes) {
+  if (bytes >= text.size()) return text;
+  auto end = static_cast<int32_t>(bytes);
+  U8_TRUNCATE_IF_INCOMPLETE(text.data(), 0, end);
+  return absl::StrCat(text.substr(0, static_cast<std::size_t>(end)), "...");
+}
+
+}  // namespace
+
+std::string FormatLogRecord(LogFormat format, const LogRecord& record) {
+  LogRecord shown = record;
+  std::size_t bytes = std::min(record.message.size(), kMaxLogLineBytes);
+  while (true) {
+    shown.message = absl::StrCat(Cut(record.message, bytes), record.counts);
+    std::string line = Line(format, shown);
+    if (line.size() <= kMaxLogLineBytes || bytes == 0) return line;
+    // No byte takes more than six in a line.
+    bytes -= std::min(bytes, (line.size() - kMaxLogLineBytes + 5) / 6);
+  }
 }
 
 absl::StatusOr<LogFormat> ParseLogFormat(const std::string& text) {

@@ -81,6 +81,32 @@ TEST(LogFormatTest, TextOfAnyLanguageStays) {
   EXPECT_EQ(MessageInJson("/home/j\u00fcrgen"), "/home/j\u00fcrgen");
 }
 
+TEST(LogFormatTest, LineOfAnyMessageIsWhatAPipeTakesWhole) {
+  for (const std::string piece : {"a", "\x1b", "\xff", "\"", "\u65e5", "\U0001f600"}) {
+    LogRecord record;
+    for (int i = 0; i < 100'000; ++i) record.message += piece;
+    record.counts = " left_out=7";
+    for (const LogFormat format : {LogFormat::kText, LogFormat::kJournal, LogFormat::kJson}) {
+      const std::string line = FormatLogRecord(format, record);
+
+      EXPECT_LE(line.size(), kMaxLogLineBytes);
+      EXPECT_GT(line.size(), kMaxLogLineBytes - 100);
+      EXPECT_THAT(line, HasSubstr("... left_out=7"));
+      EXPECT_EQ(line.find('\n'), line.size() - 1);
+    }
+  }
+}
+
+TEST(LogFormatTest, CharacterAtTheCutIsLeftOutWhole) {
+  for (std::size_t before = 0; before < 3; ++before) {
+    std::string message(before, 'a');
+    for (int i = 0; i < 10'000; ++i) message += "\u65e5";
+
+    EXPECT_THAT(Text(message), ::testing::Not(HasSubstr("\\x")));
+    EXPECT_THAT(MessageInJson(message), ::testing::Not(HasSubstr("\uFFFD")));
+  }
+}
+
 TEST(LogFormatTest, FormatsAndLevelsHaveNames) {
   EXPECT_EQ(*ParseLogFormat("text"), LogFormat::kText);
   EXPECT_EQ(*ParseLogFormat("json"), LogFormat::kJson);

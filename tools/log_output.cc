@@ -1,13 +1,17 @@
 #include "tools/log_output.h"
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "absl/strings/str_cat.h"
 #include "absl/time/clock.h"
@@ -21,6 +25,9 @@ namespace {
 struct LogOutput {
   LogFormat format = LogFormat::kText;
   LogThrottle throttle;
+  std::mutex mutex;  // For what follows, and to write.
+  std::uint64_t lost = 0;
+  bool in_line = false;  // The stream has taken a part of the last line.
 };
 
 // Never destroyed: other threads may log until the process ends. Static, because a handler is a
@@ -38,15 +45,34 @@ bool StandardErrorIsTheJournal() {
          absl::StrCat(info.st_dev, ":", info.st_ino) == stream;
 }
 
-// Gives up when the stream takes nothing more: a record is not worth blocking or dying for.
-void WriteLine(const std::string& line) {
+bool StandardErrorTakesMore() {
+  pollfd descriptor = {STDERR_FILENO, POLLOUT, 0};
+  return poll(&descriptor, 1, 0) == 1 && descriptor.revents == POLLOUT;
+}
+
+// Gives up when the stream takes nothing more: a record is not worth blocking or dying for. The
+// descriptor is other processes' too, so it cannot be made one that never blocks; but a pipe that
+// takes anything takes a whole line (pipe(7)).
+bool WriteLine(LogOutput& output, const std::string& line) {
   std::size_t written = 0;
-  while (written < line.size()) {
+  while (written < line.size() && StandardErrorTakesMore()) {
     const ssize_t count = write(STDERR_FILENO, line.data() + written, line.size() - written);
     if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return;
+    if (count <= 0) break;
     written += static_cast<std::size_t>(count);
   }
+  if (written > 0) output.in_line = written < line.size();
+  return written == line.size();
+}
+
+void WriteRecord(LogOutput& output, LogRecord record) {
+  const std::lock_guard<std::mutex> lock(output.mutex);
+  if (output.in_line && !WriteLine(output, "\n")) {
+    ++output.lost;
+    return;
+  }
+  if (output.lost > 0) record.counts += absl::StrCat(" lost=", output.lost);
+  output.lost = WriteLine(output, FormatLogRecord(output.format, record)) ? 0 : output.lost + 1;
 }
 
 std::string Source(const char* file, int line) {
@@ -67,8 +93,8 @@ bool Handle(int severity, const char* file, int line, std::size_t message_start,
   record.source = Source(file, line);
   // Without the newline that every record ends in.
   record.message = text.substr(message_start, text.size() - 1 - message_start);
-  record.message += net::LogLimiter::More(*left_out);
-  WriteLine(FormatLogRecord(Output().format, record));
+  record.counts = net::LogLimiter::More(*left_out);
+  WriteRecord(Output(), std::move(record));
   return true;
 }
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -187,6 +188,9 @@ int Serve(const HostOptions& options, const std::vector<InheritedSocket>& inheri
   ServerOptions server_options;
   server_options.serve_reflection = options.reflection;
   RpcServer server(server_options);
+  // From now on a signal waits for the loop, so that whatever is made below is taken down again.
+  const net::StopSignals signals(server.loop(),
+                                 [&server](int signal) { OnStopSignal(server, signal); });
   host::ProfileHost profiles(
       *std::move(directory), options.profiles,
       [&server](std::function<void()> task) { server.Post(std::move(task)); });
@@ -202,8 +206,6 @@ int Serve(const HostOptions& options, const std::vector<InheritedSocket>& inheri
   if (!metrics_endpoint.ok()) {
     return Fail(absl::StrCat("--metrics: ", Text(metrics_endpoint.status())));
   }
-  const net::StopSignals signals(server.loop(),
-                                 [&server](int signal) { OnStopSignal(server, signal); });
   LogAddresses(options, *addresses, metrics_endpoint->get());
   Announce(options, *addresses, metrics_endpoint->get());
   const WatchdogPings pings(server.loop());
@@ -250,5 +252,7 @@ int Main(const std::vector<std::string>& arguments) {
 }  // namespace varnic::tools
 
 int main(int argc, char** argv) {
+  // Whoever read the output may be gone.
+  std::signal(SIGPIPE, SIG_IGN);
   return varnic::tools::Main(std::vector<std::string>(argv + 1, argv + argc));
 }
