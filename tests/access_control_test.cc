@@ -10,6 +10,8 @@
 
 #include "absl/strings/str_cat.h"
 #include "core/client/client.h"
+#include "core/net/address.h"
+#include "core/net/socket_stream.h"
 #include "core/net/testing/test_certificates.h"
 #include "core/server/rpc_server.h"
 #include "core/server/server_controller.h"
@@ -104,6 +106,20 @@ class AccessControlTest : public ::testing::Test {
     return client.CallAndWait(Method(method), ProfileId(), response, absl::Seconds(60));
   }
 
+  // A connection on which nothing is said.
+  static std::unique_ptr<net::ByteStream> ConnectInSilence(net::EventLoop& loop,
+                                                           const std::string& address) {
+    std::unique_ptr<net::ByteStream> result;
+    const auto connector =
+        net::Connector::Connect(loop, *net::Address::Parse(address),
+                                [&](absl::StatusOr<std::unique_ptr<net::ByteStream>> stream) {
+                                  ASSERT_TRUE(stream.ok()) << stream.status();
+                                  result = *std::move(stream);
+                                });
+    loop.RunUntil([&] { return result != nullptr; });
+    return result;
+  }
+
   net::testing::TestFolder folder_;
   net::testing::TestCa ca_;
   Witness witness_;
@@ -180,6 +196,31 @@ TEST_F(AccessControlTest, PlainClientOfATlsAddressFails) {
   const std::string address = Listen("127.0.0.1:0", WithTls());
 
   EXPECT_EQ(Call(address, "Path").code(), absl::StatusCode::kUnavailable);
+}
+
+// Otherwise handshakes would take the file descriptors that the cap leaves to the host.
+TEST_F(AccessControlTest, HandshakesCountAsConnections) {
+  ServerOptions options;
+  options.max_connections = 2;
+  RpcServer server(options);
+  server.AddService(witness_);
+  const auto tls = server.Listen("127.0.0.1:0", WithTls());
+  const auto plain = server.Listen(UnixAddress());
+  ASSERT_TRUE(tls.ok() && plain.ok()) << tls.status() << plain.status();
+  const auto first = ConnectInSilence(server.loop(), *tls);
+  const auto second = ConnectInSilence(server.loop(), *tls);
+  Client client(server.loop(), *tls, As("reader"));
+  google::protobuf::StringValue response;
+
+  // Takes the place of the first, so that with the second there are two.
+  EXPECT_EQ(client.CallAndWait(Method("Path"), ProfileId(), response, absl::Seconds(60)),
+            absl::OkStatus());
+  EXPECT_EQ(server.refused_connections(), 1u);
+  Client third(server.loop(), *plain);
+  EXPECT_EQ(third.CallAndWait(Method("Path"), ProfileId(), response, absl::Seconds(60)).code(),
+            absl::StatusCode::kUnavailable);
+
+  EXPECT_EQ(server.refused_connections(), 2u);
 }
 
 TEST_F(AccessControlTest, TlsClientOfAPlainAddressFailsInTime) {

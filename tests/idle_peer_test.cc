@@ -13,6 +13,7 @@
 #include "core/common/rpc/stream/event_publisher.h"
 #include "core/net/frame_message.h"
 #include "core/net/testing/raw_http2_peer.h"
+#include "core/server/metrics/server_metrics.h"
 #include "rpc/profile/profile.rpc.h"
 #include "tests/raw_peer.h"
 #include "tests/served_host.h"
@@ -210,10 +211,7 @@ TEST_P(IdlePeerTest, ConnectionOverTheNumberIsRefusedAndTheOthersAreServed) {
   third.ReadUntilClosed();
 
   EXPECT_EQ(CountEnds(EdgeRule::kConnections), 1u);
-  // TCP may drop what was sent last to a peer that was not listened to.
-  if (std::string(GetParam()) == "unix") {
-    EXPECT_EQ(third.http2().goaway_text(), "too_many_connections");
-  }
+  EXPECT_EQ(third.http2().goaway_text(), "too_many_connections");
   first.CallPath("two");
   first.ReadUntil("END 3");
   second = nullptr;
@@ -300,6 +298,26 @@ TEST_P(IdleSubscriberTest, SubscriptionThatIsNotReadIsResetAmongOthers) {
 
   EXPECT_NE(peer.http2().body(3), "");
   EXPECT_THAT(peer.events(), Not(Contains(HasSubstr("GOAWAY"))));
+}
+
+TEST_P(IdleSubscriberTest, SubscriptionThatIsNotReadIsCountedAsASlowReader) {
+  options_.connections.stall_timeout = kShort;
+  Serve();
+  Reader peer(address(), /*stream_window_bytes=*/64);
+  peer.Subscribe("read by nobody");
+  peer.Subscribe("quiet");
+  peer.CallPath("one");
+  peer.ReadUntil("END 5");
+
+  Publish("read by nobody", 50);
+  peer.ReadUntil("RESET 1 11");
+
+  std::string metrics;
+  served_->RunOnServer([&] { metrics = ServerMetrics(served_->server()).Text(); });
+  EXPECT_THAT(metrics, HasSubstr("varnic_slow_readers_total 1\n"));
+  EXPECT_THAT(metrics,
+              HasSubstr("varnic_streams_ended_total{method=\"/rpc.Profile/WhenNetworkChanged\","
+                        "code=\"RESOURCE_EXHAUSTED\"} 1\n"));
 }
 
 TEST_P(IdleSubscriberTest, PeerThatReadsNoneOfItsSubscriptionsIsClosed) {

@@ -32,6 +32,11 @@ std::string Calls(const std::string& method, const std::string& code) {
 std::string PathCalls(const std::string& code) {
   return Calls("/rpc.Profile/Path", code);
 }
+std::string PathDurations(const std::string& what, const std::string& code,
+                          const std::string& more = "") {
+  return absl::StrCat("varnic_call_duration_seconds_", what,
+                      "{method=\"/rpc.Profile/Path\",code=\"", code, "\"", more, "}");
+}
 std::string Streams(const std::string& what, const std::string& more = "") {
   return absl::StrCat("varnic_streams_", what, "{method=\"", kEvents, "\"", more, "}");
 }
@@ -130,17 +135,20 @@ TEST_F(MetricsTest, UnaryCallsAreCountedByMethodAndCode) {
   EXPECT_EQ(Value(PathCalls("NOT_FOUND")), 1);
   EXPECT_EQ(Value(PathCalls("UNKNOWN")), 1);
   EXPECT_EQ(Value(Calls("/rpc.Profile/Name", "UNIMPLEMENTED")), 1);
-  EXPECT_EQ(Value("varnic_call_duration_seconds_count{method=\"/rpc.Profile/Path\"}"), 4);
+  EXPECT_EQ(Value(PathDurations("count", "OK")), 2);
+  EXPECT_EQ(Value(PathDurations("count", "NOT_FOUND")), 1);
+  EXPECT_EQ(Value(PathDurations("count", "UNKNOWN")), 1);
+  EXPECT_EQ(Value(PathDurations("count", "CANCELLED")), -1);
 }
 
 TEST_F(MetricsTest, CallThatTookTimeIsInItsBucket) {
   Exchange("/rpc.Profile/Path", {{"grpc-timeout", "30m"}});
 
-  const std::string method = "{method=\"/rpc.Profile/Path\"";
-  EXPECT_EQ(Value(PathCalls("DEADLINE_EXCEEDED")), 1);
-  EXPECT_EQ(Value("varnic_call_duration_seconds_bucket" + method + ",le=\"0.025\"}"), 0);
-  EXPECT_EQ(Value("varnic_call_duration_seconds_bucket" + method + ",le=\"+Inf\"}"), 1);
-  EXPECT_GE(Value("varnic_call_duration_seconds_sum" + method + "}"), 0.03);
+  const std::string code = "DEADLINE_EXCEEDED";
+  EXPECT_EQ(Value(PathCalls(code)), 1);
+  EXPECT_EQ(Value(PathDurations("bucket", code, ",le=\"0.025\"")), 0);
+  EXPECT_EQ(Value(PathDurations("bucket", code, ",le=\"+Inf\"")), 1);
+  EXPECT_GE(Value(PathDurations("sum", code)), 0.03);
 }
 
 TEST_F(MetricsTest, CallsThatTheirClientGivesUpAreCancelled) {
@@ -207,6 +215,9 @@ TEST_F(MetricsTest, StreamsAreCountedFromTheirBeginningToTheirEnd) {
   EXPECT_EQ(Value(StreamsEnded("OK")), 1);
   EXPECT_EQ(Value(StreamsEnded("INVALID_ARGUMENT")), 1);
   EXPECT_EQ(Value(Calls(kEvents, "OK")), 0);
+  std::string text;
+  served_.RunOnServer([&] { text = metrics_->Text(); });
+  EXPECT_FALSE(absl::StrContains(text, "varnic_call_duration_seconds_count"));
 }
 
 TEST_F(MetricsTest, WhatWaitsForASlowReaderIsMeasured) {

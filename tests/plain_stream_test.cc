@@ -4,10 +4,13 @@
 #include <google/protobuf/wrappers.pb.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "core/common/rpc/abstract_stream.h"
 #include "core/common/rpc/service.h"
@@ -49,8 +52,25 @@ class EchoStream : public AbstractStream {
   int& alive_;
 };
 
-// test.Echo, with the methods Echo() and Nothing(): both take a stream of StringValue and return
-// one of rpc.CanAccessFile, which has a field for call ids. Opens streams of Echo() only.
+// Leaves it to its end to end the call.
+class SilentStream : public EchoStream {
+ public:
+  using EchoStream::EchoStream;
+
+  void OnCompleted() override {}
+};
+
+// Gives its channel away.
+class GivingStream : public SilentStream {
+ public:
+  GivingStream(StreamChannel given, int& alive, std::vector<StreamChannel>& channels)
+      : SilentStream(std::move(given), alive) {
+    channels.push_back(std::move(channel()));
+  }
+};
+
+// test.Echo, whose methods take a stream of StringValue and return one of rpc.CanAccessFile, which
+// has a field for call ids. Opens no streams of Nothing().
 class EchoService : public Service {
  public:
   EchoService() {
@@ -61,7 +81,7 @@ class EchoService : public Service {
     file.add_dependency(google::protobuf::StringValue::descriptor()->file()->name());
     google::protobuf::ServiceDescriptorProto& service = *file.add_service();
     service.set_name("Echo");
-    for (const char* name : {"Echo", "Nothing"}) {
+    for (const char* name : {"Echo", "Silent", "Giving", "Nothing"}) {
       google::protobuf::MethodDescriptorProto& method = *service.add_method();
       method.set_name(name);
       method.set_input_type(".google.protobuf.StringValue");
@@ -89,10 +109,13 @@ class EchoService : public Service {
   AbstractStream* OpenStream(const google::protobuf::MethodDescriptor* method,
                              StreamChannel channel) override {
     if (method->name() == "Nothing") return nullptr;
+    if (method->name() == "Silent") return new SilentStream(std::move(channel), alive);
+    if (method->name() == "Giving") return new GivingStream(std::move(channel), alive, channels);
     return new EchoStream(std::move(channel), alive);
   }
 
-  int alive = 0;  // Streams.
+  int alive = 0;                        // Streams.
+  std::vector<StreamChannel> channels;  // Those of Giving().
 
  private:
   google::protobuf::DescriptorPool pool_{google::protobuf::DescriptorPool::generated_pool()};
@@ -102,14 +125,14 @@ class EchoService : public Service {
 class PlainStreamTest : public ::testing::Test {
  protected:
   // Serves the service from a thread of its own.
-  void Serve(bool plain_streams) {
+  void Serve(bool plain_streams, const net::GrpcClientOptions& client_options = {}) {
     ServiceOptions options;
     options.plain_streams = plain_streams;
     server_.AddService(service_, options);
     const auto address = server_.Listen(NewSocketAddress());
     ASSERT_TRUE(address.ok()) << address.status();
     thread_ = std::thread([this] { server_.Run(); });
-    peer_ = std::make_unique<StreamPeer>(*address);
+    peer_ = std::make_unique<StreamPeer>(*address, client_options);
   }
 
   void TearDown() override {
@@ -122,6 +145,16 @@ class PlainStreamTest : public ::testing::Test {
   std::unique_ptr<StreamPeer::Stream> Open(const std::string& method,
                                            StreamFraming framing = StreamFraming::kTyped) {
     return std::make_unique<StreamPeer::Stream>(*peer_, "/test.Echo/" + method, framing);
+  }
+
+  // Runs `task` on the RPC thread, and waits for its end.
+  void RunOnServer(const std::function<void()>& task) {
+    const auto done = std::make_shared<std::promise<void>>();
+    server_.Post([&task, done] {
+      task();
+      done->set_value();
+    });
+    done->get_future().wait();
   }
 
   EchoService service_;
@@ -189,6 +222,66 @@ TEST_F(PlainStreamTest, StreamThatTheServiceDoesNotOpenIsUnimplemented) {
   Serve(/*plain_streams=*/true);
 
   EXPECT_EQ(Open("Nothing")->Finish(), absl::UnimplementedError("The host serves no such stream"));
+}
+
+TEST_F(PlainStreamTest, StreamThatDoesNotCompleteEndsWithItsStatus) {
+  Serve(/*plain_streams=*/true);
+  const auto closed = Open("Silent");
+  const auto broken = Open("Silent", StreamFraming::kEnvelope);
+
+  closed->HalfClose();
+  broken->Send("\xff");
+
+  EXPECT_EQ(closed->Finish(), absl::OkStatus());
+  EXPECT_EQ(broken->Finish().code(), absl::StatusCode::kInvalidArgument);
+}
+
+TEST_F(PlainStreamTest, StreamThatDoesNotCompleteLosesNothingThatWaits) {
+  net::GrpcClientOptions options;
+  options.http2.stream_window_bytes = 1000;
+  Serve(/*plain_streams=*/true, options);
+  const auto stream = Open("Silent");
+  const std::string bytes(50'000, 'x');
+
+  for (int i = 0; i < 3; ++i) stream->Send(bytes);
+  stream->HalfClose();
+
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(stream->Receive(), "next 0 " + bytes);
+  EXPECT_EQ(stream->Finish(), absl::OkStatus());
+}
+
+TEST_F(PlainStreamTest, ChannelThatOutlivesItsStreamDoesNothing) {
+  Serve(/*plain_streams=*/true);
+  const auto stream = Open("Giving");
+  stream->HalfClose();
+  ASSERT_EQ(stream->Finish(), absl::OkStatus());
+
+  RunOnServer([this] {
+    ASSERT_EQ(service_.channels.size(), 1u);
+    EXPECT_EQ(service_.alive, 0);
+    StreamChannel& channel = service_.channels.front();
+    EXPECT_FALSE(channel.IsPeerPresent());
+    EXPECT_FALSE(channel.Send(StreamMessage()));
+    channel.Complete();
+    service_.channels.clear();
+  });
+}
+
+TEST_F(PlainStreamTest, ChannelThatIsDroppedElsewhereEndsTheStream) {
+  Serve(/*plain_streams=*/true);
+  const auto stream = Open("Giving");
+  for (bool is_open = false; !is_open;) {
+    peer_->Pump();
+    RunOnServer([&] { is_open = !service_.channels.empty(); });
+  }
+
+  RunOnServer([this] {
+    EXPECT_TRUE(service_.channels.front().IsPeerPresent());
+    service_.channels.clear();
+  });
+
+  EXPECT_EQ(stream->Finish(), absl::CancelledError("The host has dropped the stream"));
+  RunOnServer([this] { EXPECT_EQ(service_.alive, 0); });
 }
 
 TEST_F(PlainStreamTest, ServiceThatDoesNotAskForPlainStreamsHasNone) {

@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "core/server/health/health_service.h"
+#include "core/server/reflection/reflection_service.h"
+#include "grpc/health/v1/health.pb.h"
 #include "grpc/reflection/v1/reflection.pb.h"
 #include "grpc/reflection/v1alpha/reflection.pb.h"
 #include "tests/served_host.h"
@@ -211,6 +214,24 @@ TEST(ReflectionOptionsTest, ReflectionIsServedOnlyIfTheHostWantsIt) {
   const Stream stream = peer.OpenPath("/grpc.reflection.v1.ServerReflection/ServerReflectionInfo");
 
   EXPECT_EQ(stream->Finish().code(), absl::StatusCode::kUnimplemented);
+}
+
+// This test has linked gRPC's own code for the server's services, as a host may.
+TEST(BuiltInServicesTest, ServicesAreThoseOfGrpcToTheirClients) {
+  const auto text = [](const google::protobuf::FileDescriptor& file) {
+    google::protobuf::FileDescriptorProto proto;
+    file.CopyTo(&proto);
+    return proto.DebugString();
+  };
+
+  const auto [newer, older] = ReflectionService::Descriptors();
+  const google::protobuf::ServiceDescriptor& health = HealthService::Descriptor();
+
+  EXPECT_EQ(text(*newer->file()), text(*ServerReflectionRequest::descriptor()->file()));
+  EXPECT_EQ(text(*older->file()),
+            text(*grpc::reflection::v1alpha::ServerReflectionRequest::descriptor()->file()));
+  EXPECT_EQ(text(*health.file()),
+            text(*grpc::health::v1::HealthCheckRequest::descriptor()->file()));
 }
 
 // One implementation speaks both versions, because they are the same on the wire.

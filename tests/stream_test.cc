@@ -463,6 +463,7 @@ class BoundedStreamTest : public StreamTest {
     ServerOptions options;
     options.streams.subscriptions.max_subscriptions = 3;
     options.streams.subscriptions.max_messages = 10;
+    options.streams.subscriptions.max_bytes = 1000;
     options.streams.outbound.conflate_from_messages = 4;
     options.streams.outbound.max_messages = 16;
     return options;
@@ -490,6 +491,29 @@ TEST_P(BoundedStreamTest, TooManySubscriptionMessagesEndTheStream) {
 
   EXPECT_EQ(stream->Finish(),
             absl::ResourceExhaustedError("More than 10 subscription messages on one stream"));
+}
+
+TEST_P(BoundedStreamTest, TooManyBytesOfSubscriptionsEndTheStream) {
+  const Stream stream = peer_->Open("WhenNetworkChanged");
+  const std::string key(400, 'a');
+  for (int i = 0; i < 3; ++i) stream->Send(Subscription(key, rpc::EventSubscription::SUBSCRIBE));
+
+  EXPECT_EQ(stream->Finish(), absl::ResourceExhaustedError(
+                                  "More than 1000 bytes of subscription messages on one stream"));
+  WaitForSubscribers(key, 0);
+}
+
+TEST_P(BoundedStreamTest, BytesOfAnswersAreNotThoseOfSubscriptions) {
+  const Stream stream = SubscribeToFiles("P");
+  WaitForAnswerer("P", true);
+  for (int i = 0; i < 3; ++i) {
+    Ask("P", "/etc/motd");
+    auto error = Answer(Parse<rpc::CanAccessFile>(stream->Receive()), true);
+    error.set_error(std::string(1000, 'x'));
+    stream->Send(error.SerializeAsString());
+  }
+
+  EXPECT_EQ(WaitForEnds(3), std::vector<std::string>(3, "ABORTED"));
 }
 
 TEST_P(BoundedStreamTest, ReaderThatStallsGetsTheNewestEventAndDelaysNobody) {

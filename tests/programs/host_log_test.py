@@ -7,6 +7,7 @@ import re
 import shutil
 import socket
 import subprocess
+import sys
 import tempfile
 import unittest
 
@@ -16,9 +17,40 @@ import programs
 
 TEXT_LINE = re.compile(
     r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (DEBUG|INFO|WARNING|ERROR) [a-z0-9_]+\.(cc|h):\d+ .+")
+# Puts a file descriptor in the place of standard error, and becomes the program, for which no signal
+# is ignored as it is in Python.
+LAUNCHER = """
+import os, signal, sys
+signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+os.dup2(int(sys.argv[1]), 2)
+os.execv(sys.argv[2], sys.argv[2:])
+"""
 DENY_ALL = '{"roles": {}, "methods": {}}'
 # More than the host writes of one kind at once.
 FLOOD = 300
+
+
+def fill(pipe):
+    """Writes until the pipe takes nothing more. Its descriptors stay as they are, and block."""
+    os.set_blocking(pipe, False)
+    for size in (4096, 1):
+        try:
+            while True:
+                os.write(pipe, b"\n" * size)
+        except BlockingIOError:
+            pass
+    os.set_blocking(pipe, True)
+
+
+def drain(pipe):
+    """Reads what is in the pipe."""
+    os.set_blocking(pipe, False)
+    try:
+        while os.read(pipe, 65536):
+            pass
+    except BlockingIOError:
+        pass
+    os.set_blocking(pipe, True)
 
 
 class HostLogTest(unittest.TestCase):
@@ -158,9 +190,52 @@ class HostLogTest(unittest.TestCase):
         self.assertGreater(len(accepted), 0)
         self.assertLess(len(accepted), FLOOD)
 
+    def start_host_with_error_to_pipe(self):
+        """A host that logs every connection, and both ends of the pipe that it does so to."""
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, writing)
+        host = programs.Host("-c", LAUNCHER, str(writing), programs.HOST,
+                             "--listen", "127.0.0.1:0", "--log-level", "debug",
+                             program=sys.executable, env=self.environment, pass_fds=[writing])
+        self.addCleanup(host.__exit__)
+        self.assertNotEqual(host.addresses, [])
+        return host, reading, writing
+
+    def test_host_waits_for_nobody_who_reads_its_log(self):
+        host, reading, writing = self.start_host_with_error_to_pipe()
+        fill(writing)
+
+        for _ in range(3):
+            self.assertEqual(self.call(host), grpc.StatusCode.OK)
+        with open(reading, "rb") as log:
+            drain(reading)
+            self.assertEqual(self.call(host), grpc.StatusCode.OK)
+            first = log.readline().decode()
+            fill(writing)
+            self.assertEqual(host.stop(), 0)
+
+        self.assertRegex(first, r"^\d{4}-.* lost=\d+\n$")
+
+    def test_host_goes_on_without_those_who_read_its_log(self):
+        host, reading, _ = self.start_host_with_error_to_pipe()
+        os.close(reading)
+
+        self.assertEqual(self.call(host), grpc.StatusCode.OK)
+
+        self.assertEqual(host.stop(), 0)
+
+    def test_long_text_of_a_peer_is_cut_and_leaves_the_peer_to_be_seen(self):
+        (self.folder / "policy.json").write_text(DENY_ALL)
+        host = self.start_host("--policy", str(self.folder / "policy.json"))
+        self.assertEqual(self.call(host, "/" + "a" * 8000), grpc.StatusCode.PERMISSION_DENIED)
+
+        denial = [line for line in self.lines_of(host) if "Denied" in line]
+
+        self.assertRegex(denial[0], r"method=/a{255}\.\.\. peer=127\.0\.0\.1:\d+$")
+
     def run_with_error(self, log, **environment):
         """A host that cannot serve, with its standard error in `log`."""
-        result = subprocess.run([programs.HOST, "--listen", "127.0.0.1:99999"], stderr=log,
+        result = subprocess.run([programs.HOST, "--listen", "0.0.0.0:0"], stderr=log,
                                 env={**self.environment, **environment},
                                 timeout=programs.PATIENCE_SECONDS)
         self.assertEqual(result.returncode, 1)
@@ -173,7 +248,7 @@ class HostLogTest(unittest.TestCase):
             stream = f"{info.st_dev}:{info.st_ino}"
             starting, failure = self.run_with_error(log, JOURNAL_STREAM=stream)
             self.assertRegex(starting, r"^<6>\d{4}-.* INFO .* Starting ")
-            self.assertRegex(failure, r"^<3>\d{4}-.* ERROR .* --listen: address ")
+            self.assertRegex(failure, r"^<3>\d{4}-.* ERROR .* --listen: cannot listen on ")
         with tempfile.TemporaryFile() as log:
             for line in self.run_with_error(log, JOURNAL_STREAM=stream):
                 self.assertRegex(line, TEXT_LINE)

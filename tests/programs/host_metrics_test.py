@@ -91,6 +91,9 @@ class Page:
     def calls(self, method, code):
         return self.get("varnic_calls_total", method=method, code=code)
 
+    def durations(self, method, code):
+        return self.get("varnic_call_duration_seconds_count", method=method, code=code)
+
 
 class UnixConnection(http.client.HTTPConnection):
     def __init__(self, path):
@@ -182,8 +185,10 @@ class HostMetricsTest(unittest.TestCase):
         self.assertEqual(page.calls("/rpc.Profile/Name", "PERMISSION_DENIED"), 1)
         self.assertEqual(page.calls("unknown", "PERMISSION_DENIED"), 1)
         self.assertEqual(page.get("varnic_calls_denied_total"), 2)
-        self.assertEqual(
-            page.get("varnic_call_duration_seconds_count", method="/rpc.Profile/Path"), 4)
+        self.assertEqual(page.durations("/rpc.Profile/Path", "OK"), 3)
+        self.assertEqual(page.durations("/rpc.Profile/Path", "NOT_FOUND"), 1)
+        self.assertEqual(page.durations("/rpc.Profile/Name", "PERMISSION_DENIED"), 1)
+        self.assertIsNone(page.durations("/rpc.Profile/Path", "PERMISSION_DENIED"))
         self.assertEqual(page.get("varnic_connections_open"), 1)
         self.assertEqual(page.get("varnic_connections_accepted_total"), 1)
         self.assertGreater(page.get("varnic_sent_bytes_total"), 100)
@@ -272,7 +277,7 @@ class HostMetricsTest(unittest.TestCase):
             self, status, texts, arguments, self.environment)
 
         refuses(2, ["--metrics", "needs an address"], ["--metrics="])
-        refuses(1, ["--metrics: ", "nonsense"], ["--metrics", "nonsense"])
+        refuses(2, ["--metrics: ", "nonsense"], ["--metrics", "nonsense"])
         refuses(1, ["--metrics: ", "0.0.0.0:0", "loopback"], ["--metrics", "0.0.0.0:0"])
         refuses(1, ["--metrics: ", "/nowhere"], ["--metrics", "unix:/nowhere/metrics.sock"])
 

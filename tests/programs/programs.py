@@ -7,6 +7,7 @@ import pathlib
 import subprocess
 import tempfile
 import threading
+import urllib.request
 
 # Given by the build: where the programs are.
 BUILD_DIR = pathlib.Path(os.environ["VARNIC_BUILD_DIR"])
@@ -46,8 +47,9 @@ class Host:
         return [line[len(prefix):] for line in self.announcement if line.startswith(prefix)]
 
     def stderr(self):
-        self._log.seek(0)
-        return self._log.read()
+        # The host shares the file's position, and may be writing.
+        descriptor = self._log.fileno()
+        return os.pread(descriptor, os.fstat(descriptor).st_size, 0).decode()
 
     def stop(self):
         """Ends the host as an operator would, and returns its exit status."""
@@ -75,6 +77,14 @@ def assert_host_refuses(test, status, texts, arguments, env):
     test.assertEqual(result.returncode, status, result.stderr)
     for text in texts:
         test.assertIn(text, result.stderr)
+
+
+def metrics(host):
+    """The text of the metrics of a host that was started with --metrics and a TCP address."""
+    prefix = "Metrics on "
+    address = next(line[len(prefix):] for line in host.announcement if line.startswith(prefix))
+    with urllib.request.urlopen(f"http://{address}/metrics", timeout=PATIENCE_SECONDS) as page:
+        return page.read().decode()
 
 
 def ctl(*arguments, env=None):

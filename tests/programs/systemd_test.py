@@ -34,6 +34,15 @@ os.execv(sys.argv[2], sys.argv[2:])
 """
 
 
+UNITS = pathlib.Path(__file__).resolve().parents[2] / "packaging" / "systemd"
+
+
+def settings(unit, name):
+    """The values of a setting in a unit's file."""
+    return [line.split("=", 1)[1] for line in (UNITS / unit).read_text().split("\n")
+            if line.startswith(name + "=")]
+
+
 class Notifications:
     """What a program tells its service manager."""
 
@@ -216,6 +225,31 @@ class SystemdTest(unittest.TestCase):
 
         self.assertEqual(result.returncode, 1, result.stderr)
         self.assertIn("LISTEN_FDS=7, the file descriptors from 3 on", result.stderr)
+
+    def test_units_make_whatever_the_sandboxed_host_writes_to(self):
+        places = {"%h": str(self.folder / "home"), "%t": str(self.folder / "run")}
+
+        def expand(text):
+            for specifier, path in places.items():
+                text = text.replace(specifier, path)
+            return text.split()
+
+        for path in places.values():
+            os.mkdir(path)
+        for command in settings("varnic-host.socket", "ExecStartPre"):
+            subprocess.run(expand(command), check=True)
+        for address in settings("varnic-host.socket", "ListenStream"):  # systemd makes its folder.
+            os.mkdir(os.path.dirname(expand(address)[0]), 0o700)
+
+        for paths in settings("varnic-host.service.in", "ReadWritePaths"):
+            for path in expand(paths):
+                self.assertTrue(os.path.isdir(path.removeprefix("-")), path)
+        host = programs.Host("--metrics", f"unix:{places['%t']}/varnic/metrics.sock",
+                             env={**self.environment, "HOME": places["%h"],
+                                  "XDG_RUNTIME_DIR": places["%t"],
+                                  "XDG_DATA_HOME": places["%h"] + "/.local/share"})
+        self.addCleanup(host.__exit__)
+        self.assertEqual(host.addresses, [f"unix://{places['%t']}/varnic/host.sock"])
 
     def test_options_that_want_a_socket_that_was_not_passed_are_usage_errors(self):
         listener = self.listen_on_path()

@@ -3,15 +3,25 @@
 import json
 import os
 import pathlib
+import queue
 import shutil
 import signal
 import socket
 import stat
 import subprocess
+import sys
 import tempfile
+import time
 import unittest
 
+import grpc
+
+import certificates
 import programs
+
+sys.path.insert(0, os.environ["VARNIC_PYTHON_STUBS"])
+from rpc import event_subscription_pb2, identifiers_pb2
+from rpc.profile import profile_pb2, profile_pb2_grpc
 
 
 class VarnicHostTest(unittest.TestCase):
@@ -68,6 +78,53 @@ class VarnicHostTest(unittest.TestCase):
         for command in ("path", "get-accept-language", "get-user-agent"):
             programs.ctl(command, env=self.environment)
 
+        self.assert_has_its_two_threads(host)
+
+    def test_host_has_no_more_threads_for_whatever_it_serves(self):
+        host = self.start_host_with_everything()
+        credentials = grpc.ssl_channel_credentials((self.folder / "ca.pem").read_bytes())
+        for i in range(5):
+            key = identifiers_pb2.ProfileId(value=str(i))
+            subscription = event_subscription_pb2.EventSubscription(
+                key=key, action=event_subscription_pb2.EventSubscription.SUBSCRIBE)
+            answerer = profile_pb2.CanAccessFile(profile_id=key, subscribe=True)
+            channel = grpc.secure_channel(
+                host.addresses[0].replace("127.0.0.1", "localhost"), credentials,
+                options=[("grpc.use_local_subchannel_pool", 1)])
+            self.addCleanup(channel.close)
+            stub = profile_pb2_grpc.ProfileStub(channel)
+            for open_stream, first in ((stub.WhenNetworkChanged, subscription),
+                                       (stub.OnCanAccessFile, answerer)):
+                outgoing = queue.SimpleQueue()
+                outgoing.put(first)
+                self.addCleanup(outgoing.put, None)
+                self.addCleanup(open_stream(iter(outgoing.get, None)).cancel)
+            stub.Path(identifiers_pb2.ProfileId(), timeout=programs.PATIENCE_SECONDS)
+
+        page = self.wait_for_metrics(host, "varnic_subscriptions 10\n")
+
+        self.assertIn("varnic_connections_open 5\n", page)
+        self.assert_has_its_two_threads(host)
+
+    def start_host_with_everything(self):
+        certificates.Authority(self.folder).certify("server", "DNS:localhost,IP:127.0.0.1")
+        streams = ("WhenNetworkChanged", "OnCanAccessFile")
+        (self.folder / "policy.json").write_text(json.dumps({
+            "roles": {"guest": {"anyone": True}},
+            "methods": {f"/rpc.Profile/{name}": ["guest"] for name in ("Path", *streams)},
+        }))
+        return self.start_host("--listen", "127.0.0.1:0", "--metrics", "127.0.0.1:0",
+                               "--policy", str(self.folder / "policy.json"),
+                               "--tls-cert", str(self.folder / "server.pem"),
+                               "--tls-key", str(self.folder / "server.key"))
+
+    def wait_for_metrics(self, host, line):
+        deadline = time.monotonic() + programs.PATIENCE_SECONDS
+        while line not in (page := programs.metrics(host)):
+            self.assertLess(time.monotonic(), deadline, page)
+        return page
+
+    def assert_has_its_two_threads(self, host):
         tasks = pathlib.Path(f"/proc/{host.process.pid}/task")
         names = sorted((task / "comm").read_text().strip() for task in tasks.iterdir())
 
@@ -83,6 +140,23 @@ class VarnicHostTest(unittest.TestCase):
             self.assertEqual(host.process.wait(programs.PATIENCE_SECONDS), 0)
             self.assertNotRegex(host.stderr(), "WARNING|ERROR|FATAL")
             self.assertFalse((self.folder / "run" / "varnic" / "host.sock").exists())
+
+    def test_signal_before_it_serves_ends_it_cleanly(self):
+        certificates.Authority(self.folder).certify("server", "IP:127.0.0.1")
+        first = self.folder / "first.sock"
+        # Every other address takes time, because the certificate is read for each.
+        process = subprocess.Popen(
+            [programs.HOST, "--listen", f"unix:{first}", *["--listen", "127.0.0.1:0"] * 100,
+             "--tls-cert", str(self.folder / "server.pem"),
+             "--tls-key", str(self.folder / "server.key")],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=self.environment)
+        while not first.exists():
+            self.assertIsNone(process.poll())
+
+        process.terminate()
+
+        self.assertEqual(process.wait(programs.PATIENCE_SECONDS), 0)
+        self.assertFalse(first.exists())
 
     def test_host_that_was_killed_is_followed_by_another(self):
         first = self.start_host()
@@ -127,9 +201,16 @@ class VarnicHostTest(unittest.TestCase):
         self.assert_refuses(2, "surprise", ["surprise"])
         self.assert_refuses(2, "--user-agent", ["--user-agent", "two\nlines"])
 
-    def test_bad_addresses_are_named(self):
-        for address in ("unix:", "127.0.0.1", "127.0.0.1:99999", "unix:/nonexistent/host.sock"):
-            self.assert_refuses(1, "--listen", address[-10:], ["--listen", address])
+    def test_bad_addresses_are_usage_errors_before_anything_is_made(self):
+        for option in ("--listen", "--metrics"):
+            for address in ("nonsense", "unix:", "127.0.0.1", "127.0.0.1:99999"):
+                self.assert_refuses(2, option, address, [option, address])
+        self.assert_refuses(2, "nonsense", ["--listen", "nonsense", "--listen", "127.0.0.1:0"])
+        self.assertEqual([path.name for path in self.folder.rglob("*")], ["run"])
+
+    def test_address_that_cannot_be_listened_on_is_named(self):
+        self.assert_refuses(1, "--listen", "/nonexistent/host.sock",
+                            ["--listen", "unix:/nonexistent/host.sock"])
 
     def test_plain_tcp_is_refused_off_loopback(self):
         self.assert_refuses(1, "0.0.0.0:0", "loopback", ["--listen", "0.0.0.0:0"])

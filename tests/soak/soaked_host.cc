@@ -18,6 +18,7 @@
 #include "absl/strings/str_split.h"
 #include "base/logging.h"
 #include "core/common/rpc/fatal.h"
+#include "core/common/rpc/stream/callback_stream.h"
 #include "core/common/rpc/stream/event_publisher.h"
 #include "core/net/address.h"
 #include "rpc/profile/profile.rpc.h"
@@ -61,6 +62,7 @@ class Host : public rpc::ProfileRpc {
         " descriptors=", CountEntries("/proc/self/fd"),
         " streams=", server_.streams().open_streams(),
         " keys=", EventStream<::rpc::NetworkChanged>::stream_map_.size(),
+        " callback_keys=", CallbackStream<::rpc::CanAccessFile>::stream_map_.size(),
         " conflated=", server_.streams().conflated_events()));
     done->Run();
   }
@@ -134,6 +136,7 @@ HostFigures SoakedHost::Figures() {
   result.descriptors = figures["descriptors"];
   result.streams = figures["streams"];
   result.subscribed_keys = figures["keys"];
+  result.callback_keys = figures["callback_keys"];
   result.conflated_events = figures["conflated"];
   return result;
 }

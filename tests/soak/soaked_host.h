@@ -23,6 +23,7 @@ struct HostFigures {
   std::int64_t descriptors = 0;
   std::int64_t streams = 0;
   std::int64_t subscribed_keys = 0;
+  std::int64_t callback_keys = 0;  // That somebody answers for.
   std::int64_t conflated_events = 0;
 };
 
