@@ -1,3 +1,4 @@
+// Written by protoc-gen-varnic from rpc/profile/profile.proto. Changes here are lost.
 #include "rpc/profile/profile.rpc.h"
 
 #include <google/protobuf/generated_message_reflection.h>

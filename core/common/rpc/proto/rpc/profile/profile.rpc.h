@@ -1,3 +1,4 @@
+// Written by protoc-gen-varnic from rpc/profile/profile.proto. Changes here are lost.
 #ifndef RPC_PROFILE_PROFILE_RPC_H_
 #define RPC_PROFILE_PROFILE_RPC_H_
 
