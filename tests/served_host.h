@@ -24,7 +24,8 @@ namespace varnic {
 //   deadline          answers with the whole seconds that are left
 //   long text         fails with a text of 100 kB
 //   metadata          answers with the client's x-ask as x-initial, ahead, and its x-ask-bin as
-//                     x-trailing-bin, behind; "failed metadata" does so and fails with the long text
+//                     x-trailing-bin, behind; "failed metadata" does so and fails with the long
+//                     text
 //   anything else     answers "/profiles/" and the id
 //
 // No other method is overridden. What waits for counts may be called from any thread; the rest
