@@ -2,10 +2,7 @@
 
 import json
 import os
-import pathlib
 import queue
-import shutil
-import tempfile
 import time
 import unittest
 
@@ -94,21 +91,9 @@ def pool_of(files):
     return pool
 
 
-class HealthReflectionTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp())
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.environment = dict(
-            os.environ,
-            HOME=str(self.folder),
-            XDG_RUNTIME_DIR=str(self.folder),
-            XDG_DATA_HOME=str(self.folder / "data"),
-        )
-
+class HealthReflectionTest(programs.HostTestCase):
     def start_host(self, *arguments):
-        host = programs.Host("--listen", "127.0.0.1:0", *arguments, env=self.environment)
-        self.addCleanup(host.__exit__)
-        self.assertNotEqual(host.addresses, [], host.stderr())
+        host = super().start_host("--listen", "127.0.0.1:0", *arguments)
         channel = grpc.insecure_channel(host.addresses[0])
         self.addCleanup(channel.close)
         return host, channel

@@ -2,11 +2,8 @@
 
 import json
 import os
-import pathlib
-import shutil
 import subprocess
 import sys
-import tempfile
 import unittest
 
 import grpc
@@ -24,18 +21,7 @@ NOBODY = 65534
 USAGE, PERMISSION_DENIED, UNAVAILABLE = 2, 10 + 7, 10 + 14
 
 
-class HostAccessTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp())
-        self.folder.chmod(0o711)  # Other users get through it.
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.environment = dict(
-            os.environ,
-            HOME=str(self.folder),
-            XDG_RUNTIME_DIR=str(self.folder),
-            XDG_DATA_HOME=str(self.folder / "data"),
-        )
-
+class HostAccessTest(programs.HostTestCase):
     def file(self, name):
         return str(self.folder / name)
 
@@ -43,12 +29,6 @@ class HostAccessTest(unittest.TestCase):
         self.authority = certificates.Authority(self.folder)
         self.authority.certify("server", "DNS:localhost,IP:127.0.0.1")
         self.authority.certify("reader", "URI:spiffe://example.org/reader")
-
-    def start_host(self, *arguments):
-        host = programs.Host(*arguments, env=self.environment)
-        self.addCleanup(host.__exit__)
-        self.assertNotEqual(host.addresses, [], host.stderr())
-        return host
 
     def start_tls_host(self, *arguments):
         return self.start_host("--listen", "127.0.0.1:0", "--tls-cert", self.file("server.pem"),

@@ -2,11 +2,8 @@
 
 import asyncio
 import os
-import pathlib
-import shutil
 import signal
 import sys
-import tempfile
 import time
 import unittest
 
@@ -27,28 +24,12 @@ def profile_id(value=""):
     return identifiers_pb2.ProfileId(value=value)
 
 
-class DrainTest(unittest.IsolatedAsyncioTestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp())
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.environment = dict(
-            os.environ,
-            HOME=str(self.folder),
-            XDG_RUNTIME_DIR=str(self.folder),
-            XDG_DATA_HOME=str(self.folder / "data"),
-        )
-
-    def start(self, *arguments, **options):
-        host = programs.Host(*arguments, env=self.environment, **options)
-        self.addCleanup(host.__exit__)
-        self.assertNotEqual(host.addresses, [], host.stderr())
-        return host
-
+class DrainTest(programs.HostTestCase, unittest.IsolatedAsyncioTestCase):
     def start_varnic_host(self):
-        return self.start("--listen", "127.0.0.1:0", "--metrics", "127.0.0.1:0")
+        return self.start_host("--listen", "127.0.0.1:0", "--metrics", "127.0.0.1:0")
 
     def start_stream_host(self):
-        return self.start("127.0.0.1:0", program=os.environ["VARNIC_STREAM_HOST"])
+        return self.start_host("127.0.0.1:0", program=os.environ["VARNIC_STREAM_HOST"])
 
     def connect(self, host):
         channel = grpc.aio.insecure_channel(

@@ -2,9 +2,7 @@
 
 import json
 import os
-import pathlib
 import re
-import shutil
 import socket
 import subprocess
 import sys
@@ -53,22 +51,9 @@ def drain(pipe):
     os.set_blocking(pipe, True)
 
 
-class HostLogTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp())
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.environment = dict(
-            os.environ,
-            HOME=str(self.folder),
-            XDG_RUNTIME_DIR=str(self.folder),
-            XDG_DATA_HOME=str(self.folder / "data"),
-        )
-
+class HostLogTest(programs.HostTestCase):
     def start_host(self, *arguments):
-        host = programs.Host("--listen", "127.0.0.1:0", *arguments, env=self.environment)
-        self.addCleanup(host.__exit__)
-        self.assertNotEqual(host.addresses, [], host.stderr())
-        return host
+        return super().start_host("--listen", "127.0.0.1:0", *arguments)
 
     def call(self, host, method="/rpc.Profile/Path"):
         """The status of a call, made by somebody else's gRPC."""

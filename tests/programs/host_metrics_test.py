@@ -4,14 +4,11 @@ import http.client
 import json
 import math
 import os
-import pathlib
 import queue
 import re
-import shutil
 import socket
 import stat
 import sys
-import tempfile
 import time
 import unittest
 
@@ -106,21 +103,9 @@ class UnixConnection(http.client.HTTPConnection):
         self.sock.connect(self._path)
 
 
-class HostMetricsTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp())
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.environment = dict(
-            os.environ,
-            HOME=str(self.folder),
-            XDG_RUNTIME_DIR=str(self.folder),
-            XDG_DATA_HOME=str(self.folder / "data"),
-        )
-
+class HostMetricsTest(programs.HostTestCase):
     def start_host(self, *arguments):
-        host = programs.Host(*arguments, env=self.environment)
-        self.addCleanup(host.__exit__)
-        self.assertNotEqual(host.addresses, [], host.stderr())
+        host = super().start_host(*arguments)
         self.channel = grpc.insecure_channel(host.addresses[0].replace("unix://", "unix:"))
         self.addCleanup(self.channel.close)
         self.stub = profile_pb2_grpc.ProfileStub(self.channel)

@@ -4,9 +4,11 @@ import http.server
 import json
 import os
 import pathlib
+import shutil
 import subprocess
 import tempfile
 import threading
+import unittest
 import urllib.request
 
 # Given by the build: where the programs are.
@@ -67,6 +69,28 @@ class Host:
             self.stop()
         self.process.stdout.close()
         self._log.close()
+
+
+class HostTestCase(unittest.TestCase):
+    """Tests of hosts that have a home of their own, in `self.folder`."""
+
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp())
+        self.folder.chmod(0o711)  # Other users get through it.
+        self.addCleanup(shutil.rmtree, self.folder)
+        (self.folder / "run").mkdir(mode=0o700)
+        self.environment = dict(
+            os.environ,
+            HOME=str(self.folder),
+            XDG_RUNTIME_DIR=str(self.folder / "run"),
+            XDG_DATA_HOME=str(self.folder / "data"),
+        )
+
+    def start_host(self, *arguments, **options):
+        host = Host(*arguments, env=self.environment, **options)
+        self.addCleanup(host.__exit__)
+        self.assertNotEqual(host.addresses, [], host.stderr())
+        return host
 
 
 def assert_host_refuses(test, status, texts, arguments, env):

@@ -3,12 +3,10 @@ it goes. The test plays systemd."""
 
 import os
 import pathlib
-import shutil
 import socket
 import stat
 import subprocess
 import sys
-import tempfile
 import unittest
 
 import certificates
@@ -62,20 +60,12 @@ class Notifications:
         self._socket.close()
 
 
-class SystemdTest(unittest.TestCase):
+class SystemdTest(programs.HostTestCase):
     def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp())
-        self.folder.chmod(0o711)
-        self.addCleanup(shutil.rmtree, self.folder)
+        super().setUp()
         self.notifications = Notifications(str(self.folder / "notify.sock"))
         self.addCleanup(self.notifications.close)
-        self.environment = dict(
-            os.environ,
-            HOME=str(self.folder),
-            XDG_RUNTIME_DIR=str(self.folder),
-            XDG_DATA_HOME=str(self.folder / "data"),
-            NOTIFY_SOCKET=str(self.folder / "notify.sock"),
-        )
+        self.environment["NOTIFY_SOCKET"] = str(self.folder / "notify.sock")
 
     @property
     def path(self):
@@ -203,7 +193,7 @@ class SystemdTest(unittest.TestCase):
         host = programs.Host(env={**self.environment, "LISTEN_FDS": "1", "LISTEN_PID": "1"})
         self.addCleanup(host.__exit__)
 
-        self.assertEqual(host.addresses, [f"unix://{self.folder}/varnic/host.sock"])
+        self.assertEqual(host.addresses, [f"unix://{self.folder}/run/varnic/host.sock"])
 
     def test_what_is_no_socket_to_listen_on_is_named(self):
         with open(os.devnull, "rb") as file:
@@ -234,8 +224,7 @@ class SystemdTest(unittest.TestCase):
                 text = text.replace(specifier, path)
             return text.split()
 
-        for path in places.values():
-            os.mkdir(path)
+        os.mkdir(places["%h"])
         for command in settings("varnic-host.socket", "ExecStartPre"):
             subprocess.run(expand(command), check=True)
         for address in settings("varnic-host.socket", "ListenStream"):  # systemd makes its folder.

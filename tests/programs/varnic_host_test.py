@@ -4,13 +4,11 @@ import json
 import os
 import pathlib
 import queue
-import shutil
 import signal
 import socket
 import stat
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
@@ -24,23 +22,7 @@ from rpc import event_subscription_pb2, identifiers_pb2
 from rpc.profile import profile_pb2, profile_pb2_grpc
 
 
-class VarnicHostTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp())
-        self.addCleanup(shutil.rmtree, self.folder)
-        (self.folder / "run").mkdir(mode=0o700)
-        self.environment = dict(
-            os.environ,
-            HOME=str(self.folder),
-            XDG_RUNTIME_DIR=str(self.folder / "run"),
-            XDG_DATA_HOME=str(self.folder / "data"),
-        )
-
-    def start_host(self, *arguments):
-        host = programs.Host(*arguments, env=self.environment)
-        self.addCleanup(host.__exit__)
-        return host
-
+class VarnicHostTest(programs.HostTestCase):
     def assert_refuses(self, status, *texts_and_arguments):
         *texts, arguments = texts_and_arguments
         programs.assert_host_refuses(self, status, texts, arguments, self.environment)
