@@ -8,6 +8,7 @@
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
+#include "core/common/rpc/stream/event_publisher.h"
 #include "core/host/task_thread.h"
 #include "core/host/user_agent.h"
 #include "core/host/user_data_dir.h"
@@ -79,6 +80,9 @@ class ProfileHost : public rpc::ProfileRpc {
   const std::string browser_;
   std::optional<UserAgent> user_agent_;  // Task thread only.
   std::atomic<bool> is_ending_ = false;
+  // Publishes nothing yet. While it is there, streams that end leave the registry, also where they
+  // share a key with others.
+  EventPublisher<rpc::NetworkChanged> network_changes_;
   TaskThread tasks_;  // Last: its tasks use all of the above.
 };
 

@@ -10,6 +10,8 @@
 #include <utility>
 
 #include "absl/status/status.h"
+#include "core/common/rpc/stream/event_stream.h"
+#include "core/common/rpc/testing/recording_channel.h"
 #include "core/host/testing/post_queue.h"
 #include "core/host/testing/temporary_folder.h"
 #include "core/server/server_controller.h"
@@ -239,6 +241,24 @@ TEST_F(ProfileHostTest, ServesCallsByTheirDescriptor) {
 
   EXPECT_EQ(call.completions, 1);
   EXPECT_EQ(call.response.value(), "Ada");
+}
+
+TEST_F(ProfileHostTest, StreamsThatShareAKeyLeaveTheRegistryWhenTheyEnd) {
+  MakeHost();
+  const auto* method = rpc::ProfileRpc::descriptor()->FindMethodByName("WhenNetworkChanged");
+  ::varnic::testing::RecordingChannel channels[2];
+  ProfileId key;
+  key.set_value("shared");
+
+  std::unique_ptr<AbstractStream> streams[2];
+
+  for (int i = 0; i < 2; ++i) {
+    streams[i].reset(host_->OpenStream(method, channels[i].Open()));
+    static_cast<EventStream<rpc::NetworkChanged>&>(*streams[i]).Subscribe(key);
+  }
+  for (auto& stream : streams) stream->OnCompleted();
+
+  EXPECT_THAT(EventStream<rpc::NetworkChanged>::stream_map_, ::testing::IsEmpty());
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ class DrainTest(programs.HostTestCase, unittest.IsolatedAsyncioTestCase):
 
         for stream in streams:
             self.assertEqual((await stream.code(), await stream.details()), ENDED)
-        self.assertEqual(await self.end(host), 0)
+        self.assertEqual(await self.end(host), 0, host.stderr())
 
     async def test_varnic_host_ends_a_thousand_streams_with_a_status(self):
         host = self.start_varnic_host()
@@ -105,7 +105,7 @@ class DrainTest(programs.HostTestCase, unittest.IsolatedAsyncioTestCase):
             self.assertNotIn("Drained", host.stderr())
             host.process.send_signal(signal.SIGTERM)
 
-            self.assertEqual(await self.end(host), 0)
+            self.assertEqual(await self.end(host), 0, host.stderr())
             self.assertIn('Drained connections_left=1 reason="told to stop again"', host.stderr())
             self.assertEqual(await call.code(), grpc.StatusCode.UNAVAILABLE)
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <string_view>
+#include <utility>
 
 #include "absl/time/time.h"
 #include "core/net/event_loop.h"
@@ -12,10 +13,11 @@ int ServeProgram(RpcServer& server, int argc, char** argv) {
   ListenOptions options;
   int next = 1;
   if (argc > 4 && std::string_view(argv[1]) == "--tls") {
-    options.tls.emplace();
-    options.tls->certificate_file = argv[2];
-    options.tls->key_file = argv[3];
-    options.tls->client_ca_file = argv[4];
+    net::TlsServerOptions tls;
+    tls.certificate_file = argv[2];
+    tls.key_file = argv[3];
+    tls.client_ca_file = argv[4];
+    options.tls = std::move(tls);
     next = 5;
   }
   for (int i = next; i < argc; ++i) {
