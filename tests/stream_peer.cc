@@ -5,6 +5,7 @@
 #include <array>
 #include <utility>
 
+#include "core/common/rpc/fatal.h"
 #include "core/net/address.h"
 #include "core/net/message_framing.h"
 
@@ -66,15 +67,18 @@ void StreamPeer::Stream::OnDone(const absl::Status& status) {
 }
 
 StreamPeer::StreamPeer(const std::string& address, const net::GrpcClientOptions& options) {
+  bool done = false;
   connector_ = net::Connector::Connect(
       loop_, *net::Address::Parse(address),
-      [this, options](absl::StatusOr<std::unique_ptr<net::ByteStream>> stream) {
+      [&, options](absl::StatusOr<std::unique_ptr<net::ByteStream>> stream) {
+        done = true;
         ASSERT_TRUE(stream.ok()) << stream.status();
         net::GrpcClientConnection::Visitor& visitor = *this;
         connection_ = std::make_unique<net::GrpcClientConnection>(loop_, *std::move(stream),
                                                                   "localhost", options, visitor);
       });
-  loop_.RunUntil([this] { return connection_ != nullptr; });
+  loop_.RunUntil([&done] { return done; });
+  VARNIC_CHECK(connection_ != nullptr);  // No test goes on without its peer.
 }
 
 StreamPeer::~StreamPeer() = default;

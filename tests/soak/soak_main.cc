@@ -321,7 +321,7 @@ constexpr Soak kSoaks[] = {
     {"answer-rounds", "connections that answer for one key and go", 1'000'000, AnswerRounds},
     {"bad-messages", "streams that are sent what they would die of", 1'000'000, BadMessages},
     {"idle-streams", "streams that are open and idle", 2000, IdleStreams},
-    {"idle-connections", "connections that are open and idle", 5000, IdleConnections},
+    {"idle-connections", "connections that are open and idle", 3000, IdleConnections},
     {"stalled-reader", "subscribers of which one reads nothing", 1000, StalledReader},
 };
 
