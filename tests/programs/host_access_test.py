@@ -92,8 +92,9 @@ class HostAccessTest(programs.HostTestCase):
     def test_other_users_come_in_only_when_they_are_allowed(self):
         as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": [], "capture_output": True,
                      "text": True, "timeout": programs.PATIENCE_SECONDS}
+        ctl = programs.copy_for_everybody(programs.CTL, self.folder)
         call = lambda name: subprocess.run(
-            [programs.CTL, "--target", f"unix:{self.file(name)}", "path"], **as_nobody)
+            [ctl, "--target", f"unix:{self.file(name)}", "path"], **as_nobody)
         closed = self.start_host("--listen", f"unix:{self.file('closed.sock')}")
         os.chmod(self.file("closed.sock"), 0o666)
 

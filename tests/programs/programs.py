@@ -71,6 +71,14 @@ class Host:
         self._log.close()
 
 
+def copy_for_everybody(program, folder):
+    """A copy that every user can run who gets to `folder`, wherever the build tree stands."""
+    copy = pathlib.Path(folder) / program.name
+    shutil.copy(program, copy)
+    copy.chmod(0o755)
+    return copy
+
+
 class HostTestCase(unittest.TestCase):
     """Tests of hosts that have a home of their own, in `self.folder`."""
 

@@ -176,7 +176,8 @@ class SystemdTest(programs.HostTestCase):
         self.path.chmod(0o666)
 
         result = subprocess.run(
-            [programs.CTL, "--target", self.target, "path"], user=NOBODY, group=NOBODY,
+            [programs.copy_for_everybody(programs.CTL, self.folder), "--target", self.target,
+             "path"], user=NOBODY, group=NOBODY,
             extra_groups=[], capture_output=True, text=True, timeout=programs.PATIENCE_SECONDS)
 
         self.assertEqual(result.returncode, UNAVAILABLE, result.stderr)

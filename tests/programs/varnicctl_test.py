@@ -151,7 +151,8 @@ class VarnicctlTest(unittest.TestCase):
         profile = self.user_data_dir / "Profile 1"
         if os.geteuid() == 0:
             # The modes of files do not hold root back.
-            self.start_host("--allow-user", "root", user=NOBODY)
+            program = programs.copy_for_everybody(programs.HOST, self.folder)
+            self.start_host("--allow-user", "root", user=NOBODY, program=program)
         else:
             for folder in (profile, self.user_data_dir):
                 folder.chmod(0o555)
