@@ -79,6 +79,7 @@ class Call {
     // Behind the last message, if there may be more of them.
     this.call.on('end', () => this.atEnd());
     this.listen();
+    if (command.first !== null) this.send(Buffer.from(command.first, 'base64'));
     if (command.read) {
       this.read();
     } else {

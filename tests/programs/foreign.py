@@ -8,7 +8,8 @@ A client reads commands from its standard input, one JSON object in each line:
                               are gRPC's channel arguments
   {"do": "close", "channel": N}
   {"do": "open", "channel": N, "call": N, "method": "/package.Service/Method", "unary": bool,
-   "raw": bool, "seconds": deadline, "metadata": [[key, value], ...], "read": bool}
+   "raw": bool, "seconds": deadline, "metadata": [[key, value], ...], "read": bool,
+   "first": message to send at once, or null}
   {"do": "send", "call": N, "message": ...}
   {"do": "half_close", "call": N}
   {"do": "cancel", "call": N}
@@ -89,8 +90,7 @@ class Call:
         self._events.put(event)
 
     def send(self, message):
-        data = message if isinstance(message, bytes) else message.SerializeToString()
-        self._do("send", message=base64.b64encode(data).decode())
+        self._do("send", message=message_text(message))
 
     def half_close(self):
         self._do("half_close")
@@ -142,6 +142,11 @@ class Call:
         return None
 
 
+def message_text(message):
+    data = message if isinstance(message, bytes) else message.SerializeToString()
+    return base64.b64encode(data).decode()
+
+
 def encoded(key, value):
     return base64.b64encode(value).decode() if key.endswith("-bin") else value
 
@@ -158,9 +163,9 @@ class Channel:
         self._number = number
 
     def open(self, method, seconds=programs.PATIENCE_SECONDS, metadata=(), read=True, raw=False,
-             unary=None):
+             unary=None, first=None):
         """Opens a call of "/package.Service/Method". `unary` has to be said of one that no proto
-        file knows."""
+        file knows. The message `first` is sent before anything of the host's can have come in."""
         response_type = None
         if unary is None:
             descriptor = method_descriptor(method)
@@ -175,6 +180,7 @@ class Channel:
             seconds=seconds,
             metadata=[[key, encoded(key, value)] for key, value in metadata],
             read=read,
+            first=None if first is None else message_text(first),
         )
 
     def call(self, method, request, **options):

@@ -461,9 +461,10 @@ class ProfileScenarios(foreign.Scenarios):
         self.assert_ends(call, Code.CANCELLED)
 
     def test_compressed_message_ends_its_stream(self):
-        stream = self.kept(Peer(self.new_channel(gzip=True)).open("WhenNetworkChanged"))
+        peer = Peer(self.new_channel(gzip=True))
 
-        stream.send(subscription("P" * 1000))
+        # At once: a client that has seen which encodings the host takes stops compressing.
+        stream = self.kept(peer.open("WhenNetworkChanged", first=subscription("P" * 1000)))
 
         self.assert_ended(stream, Code.UNIMPLEMENTED)
 

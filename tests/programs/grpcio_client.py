@@ -71,6 +71,8 @@ class Call:
         if command["unary"]:
             return
         self._outgoing = queue.SimpleQueue()
+        if command["first"] is not None:
+            self._outgoing.put(self._parse(base64.b64decode(command["first"])))
         self._call = self._begin(iter(self._outgoing.get, None), **self._options)
         if command["read"]:
             self.read()

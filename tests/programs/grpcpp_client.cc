@@ -336,7 +336,8 @@ class Client {
     } else if (what == "close") {
       channels_.erase(command.at("channel").get<int>());
     } else if (what == "open") {
-      calls_[command.at("call")] = OpenCall(command).release();
+      Call* call = calls_[command.at("call")] = OpenCall(command).release();
+      if (!command.at("first").is_null()) call->Send(DecodeBase64(command.at("first")));
     } else {
       Use(*calls_.at(command.at("call")), what, command);
     }
