@@ -3,8 +3,8 @@
 
 include(GNUInstallDirs)
 
-set(VARNIC_GENERATED_DIR "${PROJECT_BINARY_DIR}/generated")
 set(VARNIC_INCLUDE_DIR "${CMAKE_INSTALL_INCLUDEDIR}/varnic")
+set(VARNIC_PROTO_DIR "${CMAKE_INSTALL_DATADIR}/varnic/proto")
 
 # Warnings belong to our own presets: a consumer's build must not fail on a compiler newer than ours.
 function(varnic_own_code target)
@@ -15,11 +15,12 @@ function(varnic_own_code target)
 endfunction()
 
 # varnic_library(NAME HDRS a.h … [SRCS a.cc …] [DEPS …] [PRIVATE_DEPS …])
-# Makes varnic_NAME, known to everyone as varnic::NAME. HDRS are public and get installed.
+# Makes varnic_NAME, known to everyone as varnic::NAME. HDRS are public and get installed. One with
+# neither HDRS nor SRCS is for varnic_protos().
 function(varnic_library name)
   cmake_parse_arguments(arg "" "" "HDRS;SRCS;DEPS;PRIVATE_DEPS" ${ARGN})
   set(target varnic_${name})
-  if(arg_SRCS)
+  if(arg_SRCS OR NOT arg_HDRS)
     add_library(${target} STATIC ${arg_HDRS} ${arg_SRCS})
     set(scope PUBLIC)
     varnic_own_code(${target})
@@ -52,33 +53,24 @@ function(varnic_install_header header root)
   install(FILES "${header}" DESTINATION "${VARNIC_INCLUDE_DIR}/${folder}")
 endfunction()
 
-# varnic_protos(TARGET IMPORT_ROOT dir PROTOS rpc/a.proto …)
-# Compiles protos into TARGET. protoc's files go to the build tree, under the include root
-# VARNIC_GENERATED_DIR, and are installed with the other headers.
+# varnic_protos(TARGET IMPORT_ROOT dir PROTOS rpc/a.proto … PARTS …)
+# varnic_generate() for a library of ours: installs the headers, and the proto files with the
+# messages.
 function(varnic_protos target)
-  cmake_parse_arguments(arg "" "IMPORT_ROOT" "PROTOS" ${ARGN})
-  foreach(proto IN LISTS arg_PROTOS)
-    string(REGEX REPLACE "\\.proto$" "" stem "${proto}")
-    set(outputs "${VARNIC_GENERATED_DIR}/${stem}.pb.h" "${VARNIC_GENERATED_DIR}/${stem}.pb.cc")
-    add_custom_command(
-      OUTPUT ${outputs}
-      COMMAND "${CMAKE_COMMAND}" -E make_directory "${VARNIC_GENERATED_DIR}"
-      COMMAND protobuf::protoc "--proto_path=${arg_IMPORT_ROOT}" "--cpp_out=${VARNIC_GENERATED_DIR}"
-              "${arg_IMPORT_ROOT}/${proto}"
-      DEPENDS "${arg_IMPORT_ROOT}/${proto}"
-      COMMENT "protoc ${proto}"
-      VERBATIM)
-    target_sources(${target} PRIVATE ${outputs})
-    # protoc's code is not ours to make warning-free.
-    set_source_files_properties(${outputs} PROPERTIES COMPILE_OPTIONS "-w")
-    if(VARNIC_INSTALL)
-      varnic_install_header("${VARNIC_GENERATED_DIR}/${stem}.pb.h" "${VARNIC_GENERATED_DIR}")
+  cmake_parse_arguments(arg "" "IMPORT_ROOT" "PROTOS;PARTS" ${ARGN})
+  varnic_generate(TARGET ${target} ${ARGN})
+  if(NOT VARNIC_INSTALL)
+    return()
+  endif()
+  set(generated "${CMAKE_CURRENT_BINARY_DIR}/generated/${target}")
+  install(DIRECTORY "${generated}/messages/" "${generated}/stubs/"
+    DESTINATION "${VARNIC_INCLUDE_DIR}" FILES_MATCHING PATTERN "*.h")
+  if("messages" IN_LIST arg_PARTS)
+    foreach(proto IN LISTS arg_PROTOS)
       cmake_path(GET proto PARENT_PATH folder)
-      install(FILES "${arg_IMPORT_ROOT}/${proto}"
-              DESTINATION "${CMAKE_INSTALL_DATADIR}/varnic/proto/${folder}")
-    endif()
-  endforeach()
-  target_include_directories(${target} SYSTEM PUBLIC "$<BUILD_INTERFACE:${VARNIC_GENERATED_DIR}>")
+      install(FILES "${arg_IMPORT_ROOT}/${proto}" DESTINATION "${VARNIC_PROTO_DIR}/${folder}")
+    endforeach()
+  endif()
 endfunction()
 
 # varnic_test(NAME [SRCS …] [DEPS …]): NAME.cc unless SRCS says otherwise; one ctest entry.

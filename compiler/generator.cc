@@ -7,10 +7,12 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "absl/status/statusor.h"
-#include "absl/strings/str_cat.h"
-#include "absl/strings/strip.h"
+#include "absl/strings/str_join.h"
+#include "compiler/client_writer.h"
+#include "compiler/parts.h"
 #include "compiler/service_model.h"
 #include "compiler/skeleton_writer.h"
 
@@ -33,23 +35,45 @@ void Write(GeneratorContext& context, const std::string& path, const std::string
   }
 }
 
+void WriteParts(const ServiceModel& model, const Parts& parts, GeneratorContext& context) {
+  if (parts.skeleton) {
+    Write(context, model.stem + ".rpc.h", WriteSkeletonHeader(model));
+    Write(context, model.stem + ".rpc.cc", WriteSkeletonSource(model));
+  }
+  if (parts.client) {
+    Write(context, model.stem + ".client.h", WriteClientHeader(model));
+    Write(context, model.stem + ".client.cc", WriteClientSource(model));
+  }
+}
+
 }  // namespace
 
 bool Generator::Generate(const google::protobuf::FileDescriptor* file, const std::string& parameter,
                          GeneratorContext* context, std::string* error) const {
-  if (!parameter.empty()) {
-    *error = absl::StrCat("there is no option \"", parameter, "\"");
+  return GenerateAll({file}, parameter, context, error);
+}
+
+bool Generator::GenerateAll(const std::vector<const google::protobuf::FileDescriptor*>& files,
+                            const std::string& parameter, GeneratorContext* context,
+                            std::string* error) const {
+  const absl::StatusOr<Parts> parts = ParseParts(parameter);
+  if (!parts.ok()) {
+    *error = std::string(parts.status().message());
     return false;
   }
-  const absl::StatusOr<std::optional<ServiceModel>> model = BuildServiceModel(*file);
-  if (!model.ok()) {
-    *error = std::string(model.status().message());
-    return false;
+  std::vector<ServiceModel> models;
+  std::vector<std::string> faults;
+  for (const google::protobuf::FileDescriptor* file : files) {
+    absl::StatusOr<std::optional<ServiceModel>> model = BuildServiceModel(*file, *parts);
+    if (!model.ok()) {
+      faults.emplace_back(model.status().message());
+    } else if (model->has_value()) {
+      models.push_back(**std::move(model));
+    }
   }
-  if (!model->has_value()) return true;
-  const std::string stem(absl::StripSuffix(file->name(), ".proto"));
-  Write(*context, stem + ".rpc.h", WriteSkeletonHeader(**model));
-  Write(*context, stem + ".rpc.cc", WriteSkeletonSource(**model));
+  *error = absl::StrJoin(faults, "\n");
+  if (!faults.empty()) return false;
+  for (const ServiceModel& model : models) WriteParts(model, *parts, *context);
   return true;
 }
 

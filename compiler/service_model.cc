@@ -1,15 +1,17 @@
 #include "compiler/service_model.h"
 
 #include <google/protobuf/compiler/cpp/names.h>
+#include <google/protobuf/descriptor.pb.h>
 
-#include <string_view>
 #include <utility>
 
-#include "absl/container/flat_hash_set.h"
 #include "absl/status/status.h"
+#include "absl/strings/ascii.h"
 #include "absl/strings/str_cat.h"
-#include "absl/strings/str_join.h"
 #include "absl/strings/str_split.h"
+#include "compiler/faults.h"
+#include "compiler/name_rules.h"
+#include "core/common/rpc/stream_kind.h"
 
 namespace varnic::compiler {
 namespace {
@@ -17,226 +19,113 @@ namespace {
 using google::protobuf::Descriptor;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::FileDescriptor;
+using google::protobuf::FileDescriptorProto;
+using google::protobuf::FileOptions;
 using google::protobuf::MethodDescriptor;
-using google::protobuf::OneofDescriptor;
 using google::protobuf::ServiceDescriptor;
-using google::protobuf::SourceLocation;
+using google::protobuf::compiler::cpp::QualifiedClassName;
 
-constexpr char kSubscriptionType[] = "rpc.EventSubscription";
-
-// The keywords of C++ up to C++20, and the names that a skeleton has already.
-bool IsTaken(const std::string& name) {
-  static const auto* const taken = new absl::flat_hash_set<std::string>{"alignas",
-                                                                        "alignof",
-                                                                        "and",
-                                                                        "and_eq",
-                                                                        "asm",
-                                                                        "auto",
-                                                                        "bitand",
-                                                                        "bitor",
-                                                                        "bool",
-                                                                        "break",
-                                                                        "case",
-                                                                        "catch",
-                                                                        "char",
-                                                                        "char16_t",
-                                                                        "char32_t",
-                                                                        "char8_t",
-                                                                        "class",
-                                                                        "co_await",
-                                                                        "co_return",
-                                                                        "co_yield",
-                                                                        "compl",
-                                                                        "concept",
-                                                                        "const",
-                                                                        "const_cast",
-                                                                        "consteval",
-                                                                        "constexpr",
-                                                                        "constinit",
-                                                                        "continue",
-                                                                        "decltype",
-                                                                        "default",
-                                                                        "delete",
-                                                                        "do",
-                                                                        "double",
-                                                                        "dynamic_cast",
-                                                                        "else",
-                                                                        "enum",
-                                                                        "explicit",
-                                                                        "export",
-                                                                        "extern",
-                                                                        "false",
-                                                                        "float",
-                                                                        "for",
-                                                                        "friend",
-                                                                        "goto",
-                                                                        "if",
-                                                                        "inline",
-                                                                        "int",
-                                                                        "long",
-                                                                        "mutable",
-                                                                        "namespace",
-                                                                        "new",
-                                                                        "noexcept",
-                                                                        "not",
-                                                                        "not_eq",
-                                                                        "nullptr",
-                                                                        "operator",
-                                                                        "or",
-                                                                        "or_eq",
-                                                                        "private",
-                                                                        "protected",
-                                                                        "public",
-                                                                        "register",
-                                                                        "reinterpret_cast",
-                                                                        "requires",
-                                                                        "return",
-                                                                        "short",
-                                                                        "signed",
-                                                                        "sizeof",
-                                                                        "static",
-                                                                        "static_assert",
-                                                                        "static_cast",
-                                                                        "struct",
-                                                                        "switch",
-                                                                        "template",
-                                                                        "this",
-                                                                        "thread_local",
-                                                                        "throw",
-                                                                        "true",
-                                                                        "try",
-                                                                        "typedef",
-                                                                        "typeid",
-                                                                        "typename",
-                                                                        "union",
-                                                                        "unsigned",
-                                                                        "using",
-                                                                        "virtual",
-                                                                        "void",
-                                                                        "volatile",
-                                                                        "wchar_t",
-                                                                        "while",
-                                                                        "xor",
-                                                                        "xor_eq",
-                                                                        "CallMethod",
-                                                                        "GetDescriptor",
-                                                                        "GetRequestPrototype",
-                                                                        "GetResponsePrototype",
-                                                                        "OpenStream",
-                                                                        "descriptor"};
-  return taken->contains(name);
+void CheckFile(const FileDescriptor& file, Faults& faults) {
+  if (file.options().optimize_for() == FileOptions::LITE_RUNTIME) {
+    faults.AddToFile(
+        {FileDescriptorProto::kOptionsFieldNumber, FileOptions::kOptimizeForFieldNumber},
+        "optimize_for = LITE_RUNTIME leaves out the descriptors that calls need; remove it");
+  }
+  for (int i = 1; i < file.service_count(); ++i) {
+    faults.Add(*file.service(i),
+               absl::StrCat("is the file's second service after ", file.service(0)->full_name(),
+                            "; give it a file of its own"));
+  }
 }
 
-std::string CppClass(const Descriptor& type) {
-  return google::protobuf::compiler::cpp::QualifiedClassName(&type);
+void AddTypeFault(const MethodDescriptor& method, const std::string& fault, Faults& faults) {
+  faults.Add(method, absl::StrCat("is a callback stream, so its type ",
+                                  method.input_type()->full_name(), " needs ", fault));
 }
 
-// What is wrong with a callback stream's type, and how it has to be; empty if nothing is.
-std::string CallbackTypeFault(const Descriptor& type) {
-  const FieldDescriptor* profile = type.FindFieldByName("profile_id");
-  if (profile == nullptr || profile->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE ||
-      profile->is_repeated()) {
-    return "a message field `profile_id`, the key that the client answers for";
+// A call id that is something else would be taken for one, and lost.
+std::string CallIdFault(const Descriptor& type, bool is_required) {
+  const bool is_absent = type.FindFieldByName("call_id") == nullptr;
+  if (CallIdField(type) != 0 || (is_absent && !is_required)) return "";
+  return "a field `int64 call_id` outside of oneofs, by which an answer finds its question";
+}
+
+// What a callback stream's type lacks for the templates that ask and answer; empty if nothing.
+std::string QuestionTypeFault(const Descriptor& type) {
+  for (const std::string name : {"Request", "Response"}) {
+    const FieldDescriptor* field = type.FindFieldByName(absl::AsciiStrToLower(name));
+    const Descriptor* own = type.FindNestedTypeByName(name);
+    if (own == nullptr || field == nullptr || field->message_type() != own ||
+        field->containing_oneof() != type.FindOneofByName("kind")) {
+      return absl::StrCat("a field `", name, " ", absl::AsciiStrToLower(name),
+                          "` in the oneof `kind`, of a message declared inside");
+    }
   }
-  const OneofDescriptor* kind = type.FindOneofByName("kind");
-  const FieldDescriptor* subscribe = type.FindFieldByName("subscribe");
-  if (kind == nullptr || subscribe == nullptr || subscribe->containing_oneof() != kind ||
-      subscribe->number() != 2 || subscribe->cpp_type() != FieldDescriptor::CPPTYPE_BOOL) {
-    return "`bool subscribe = 2` in a oneof `kind`";
-  }
-  const FieldDescriptor* response = type.FindFieldByName("response");
-  if (response == nullptr || response->containing_oneof() != kind || response->number() != 4) {
-    return "a field `response = 4` in the oneof `kind`";
+  const FieldDescriptor* error = type.FindFieldByName("error");
+  if (error == nullptr || error->is_repeated() || error->type() != FieldDescriptor::TYPE_STRING) {
+    return "a field `string error`, for a question that the client could not answer";
   }
   return "";
 }
 
-// Collects what is wrong with one file.
-class Checker {
- public:
-  explicit Checker(const FileDescriptor& file) : file_(file) {}
-
-  absl::StatusOr<std::optional<ServiceModel>> Build() {
-    if (file_.service_count() == 0) return std::optional<ServiceModel>();
-    for (int i = 1; i < file_.service_count(); ++i) {
-      const ServiceDescriptor& service = *file_.service(i);
-      Complain(service, service.full_name(),
-               absl::StrCat("is the file's second service after ", file_.service(0)->full_name(),
-                            "; give it a file of its own"));
-    }
-    ServiceModel model = Model(*file_.service(0));
-    if (!faults_.empty()) return absl::InvalidArgumentError(absl::StrJoin(faults_, "\n"));
-    return std::optional<ServiceModel>(std::move(model));
+// Of a method that streams, but is no stream that there is code for.
+void AddStreamFault(const MethodDescriptor& method, Faults& faults) {
+  if (method.client_streaming() != method.server_streaming()) {
+    return faults.Add(
+        method, absl::StrCat("streams on the ", method.client_streaming() ? "client's" : "server's",
+                             " side only; write `stream` on both sides, or on none"));
   }
-
- private:
-  ServiceModel Model(const ServiceDescriptor& service) {
-    ServiceModel model;
-    model.proto_file = file_.name();
-    if (!file_.package().empty()) model.namespaces = absl::StrSplit(file_.package(), '.');
-    model.class_name = absl::StrCat(service.name(), "Rpc");
-    model.service_name = service.full_name();
-    if (const Descriptor* clash = file_.FindMessageTypeByName(model.class_name)) {
-      Complain(service, service.full_name(),
-               absl::StrCat("has the class ", model.class_name, ", as the message ",
-                            clash->full_name(), " has; rename one of them"));
-    }
-    for (int i = 0; i < service.method_count(); ++i) {
-      model.methods.push_back(Model(*service.method(i), model.class_name));
-    }
-    return model;
+  if (method.input_type() != method.output_type()) {
+    return faults.Add(
+        method,
+        "is no stream that there is; an event stream takes rpc.EventSubscription, a callback "
+        "stream takes and returns the same type");
   }
+  AddTypeFault(method, CallbackTypeFault(*method.input_type()), faults);
+}
 
-  MethodModel Model(const MethodDescriptor& method, const std::string& class_name) {
-    MethodModel model;
-    model.name = method.name();
-    if (IsTaken(method.name()) || method.name() == class_name) {
-      Complain(method, method.full_name(),
-               absl::StrCat("cannot be a method of the C++ class ", class_name,
-                            ", where its name means something else; rename it"));
+MethodModel::Kind KindOf(const MethodDescriptor& method, const Parts& parts, Faults& faults) {
+  switch (KindOfStream(method)) {
+    case StreamKind::kEvents:
+      return MethodModel::Kind::kEventStream;
+    case StreamKind::kCallbacks: {
+      const Descriptor& type = *method.input_type();
+      std::string fault = parts.client ? QuestionTypeFault(type) : "";
+      if (fault.empty()) fault = CallIdFault(type, /*is_required=*/parts.client);
+      if (!fault.empty()) AddTypeFault(method, fault, faults);
+      return MethodModel::Kind::kCallbackStream;
     }
-    model.kind = KindOf(method);
-    model.request_class = CppClass(*method.input_type());
-    model.response_class = CppClass(*method.output_type());
-    return model;
+    case StreamKind::kNone:
+    case StreamKind::kPlain:
+      break;
   }
+  if (method.client_streaming() || method.server_streaming()) AddStreamFault(method, faults);
+  return MethodModel::Kind::kUnary;
+}
 
-  MethodModel::Kind KindOf(const MethodDescriptor& method) {
-    using Kind = MethodModel::Kind;
-    if (!method.client_streaming() && !method.server_streaming()) return Kind::kUnary;
-    if (method.client_streaming() != method.server_streaming()) {
-      Complain(method, method.full_name(),
-               absl::StrCat("streams on the ", method.client_streaming() ? "client's" : "server's",
-                            " side only; write `stream` on both sides, or on none"));
-      return Kind::kUnary;
-    }
-    if (method.input_type()->full_name() == kSubscriptionType) return Kind::kEventStream;
-    if (method.input_type() != method.output_type()) {
-      Complain(method, method.full_name(),
-               absl::StrCat("is no stream that there is; an event stream takes ", kSubscriptionType,
-                            ", a callback stream takes and returns the same type"));
-      return Kind::kUnary;
-    }
-    const std::string fault = CallbackTypeFault(*method.input_type());
-    if (!fault.empty()) {
-      Complain(method, method.full_name(),
-               absl::StrCat("is a callback stream, so its type ", method.input_type()->full_name(),
-                            " needs ", fault));
-    }
-    return Kind::kCallbackStream;
+MethodModel ModelOf(const MethodDescriptor& method, const Parts& parts, Faults& faults) {
+  MethodModel model;
+  model.name = method.name();
+  model.kind = KindOf(method, parts, faults);
+  model.request_class = QualifiedClassName(method.input_type());
+  model.response_class = QualifiedClassName(method.output_type());
+  return model;
+}
+
+ServiceModel ModelOf(const ServiceDescriptor& service, const Parts& parts, Faults& faults) {
+  const FileDescriptor& file = *service.file();
+  ServiceModel model;
+  model.proto_file = file.name();
+  model.stem = google::protobuf::compiler::cpp::StripProto(file.name());
+  if (!file.package().empty()) model.namespaces = absl::StrSplit(file.package(), '.');
+  model.skeleton_class = SkeletonClass(service);
+  model.client_class = ClientClass(service);
+  model.service_name = service.full_name();
+  for (int i = 0; i < service.method_count(); ++i) {
+    model.methods.push_back(ModelOf(*service.method(i), parts, faults));
   }
-
-  template <class DescriptorType>
-  void Complain(const DescriptorType& where, const std::string& who, const std::string& what) {
-    SourceLocation location;
-    const bool known = where.GetSourceLocation(&location);
-    faults_.push_back(
-        absl::StrCat(file_.name(), ":", known ? location.start_line + 1 : 1, ": ", who, " ", what));
-  }
-
-  const FileDescriptor& file_;
-  std::vector<std::string> faults_;
-};
+  return model;
+}
 
 }  // namespace
 
@@ -247,8 +136,15 @@ bool ServiceModel::HasKind(MethodModel::Kind kind) const {
   return false;
 }
 
-absl::StatusOr<std::optional<ServiceModel>> BuildServiceModel(const FileDescriptor& file) {
-  return Checker(file).Build();
+absl::StatusOr<std::optional<ServiceModel>> BuildServiceModel(const FileDescriptor& file,
+                                                              const Parts& parts) {
+  if (file.service_count() == 0) return std::optional<ServiceModel>();
+  Faults faults(file);
+  CheckFile(file, faults);
+  CheckNames(*file.service(0), parts, faults);
+  ServiceModel model = ModelOf(*file.service(0), parts, faults);
+  if (absl::Status status = faults.status(); !status.ok()) return status;
+  return std::optional<ServiceModel>(std::move(model));
 }
 
 }  // namespace varnic::compiler

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "absl/status/statusor.h"
+#include "compiler/parts.h"
 
 namespace varnic::compiler {
 
@@ -28,8 +29,10 @@ struct MethodModel {
 // What a proto file with a service says, as far as its C++ code depends on it.
 struct ServiceModel {
   std::string proto_file;               // "rpc/profile/profile.proto"
+  std::string stem;                     // "rpc/profile/profile"
   std::vector<std::string> namespaces;  // The package's, outermost first.
-  std::string class_name;               // The service's name and "Rpc".
+  std::string skeleton_class;           // The service's name and "Rpc".
+  std::string client_class;             // The service's name and "Client".
   std::string service_name;             // With its package: "rpc.Profile".
   std::vector<MethodModel> methods;     // In the order of the file, which is that of their numbers.
 
@@ -37,9 +40,10 @@ struct ServiceModel {
 };
 
 // The model of the file's only service; nothing for a file without one. An error has a line for
-// each thing that is wrong: the file, the line, the service or method, and what to change.
+// each thing that is wrong for the `parts` that are to be written: the file, the line, the service
+// or method, and what to change.
 absl::StatusOr<std::optional<ServiceModel>> BuildServiceModel(
-    const google::protobuf::FileDescriptor& file);
+    const google::protobuf::FileDescriptor& file, const Parts& parts = {});
 
 }  // namespace varnic::compiler
 

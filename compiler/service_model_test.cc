@@ -14,20 +14,16 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+using testing::kQuestion;
 using testing::ProtoTexts;
 
 // What is wrong with a file whose text is `text`, from line 2 on.
-std::string Fault(const std::string& text) {
+std::string Fault(const std::string& text, const Parts& parts = {}) {
   ProtoTexts protos;
-  const auto model = BuildServiceModel(protos.X(text));
+  const auto model = BuildServiceModel(protos.X(text), parts);
   EXPECT_EQ(model.status().code(), absl::StatusCode::kInvalidArgument);
   return std::string(model.status().message());
 }
-
-constexpr char kQuestion[] =
-    "message Id {} message Answer {}\n"
-    "message Question { Id profile_id = 1; oneof kind { bool subscribe = 2; Answer response = 4; } "
-    "}\n";
 
 TEST(ServiceModelTest, FileWithoutAServiceHasNone) {
   ProtoTexts protos;
@@ -45,7 +41,9 @@ TEST(ServiceModelTest, ServiceIsNamedAfterItsProtoFile) {
 
   ASSERT_TRUE(model.ok() && model->has_value());
   EXPECT_EQ((*model)->proto_file, "x.proto");
-  EXPECT_EQ((*model)->class_name, "DownloadsRpc");
+  EXPECT_EQ((*model)->stem, "x");
+  EXPECT_EQ((*model)->skeleton_class, "DownloadsRpc");
+  EXPECT_EQ((*model)->client_class, "DownloadsClient");
   EXPECT_EQ((*model)->service_name, "a.b.Downloads");
   EXPECT_THAT((*model)->namespaces, ElementsAre("a", "b"));
 }
@@ -62,13 +60,13 @@ TEST(ServiceModelTest, ServiceOfNoPackageIsInNoNamespace) {
 TEST(ServiceModelTest, MethodsKeepTheirOrderAndTellTheirKind) {
   ProtoTexts protos;
 
-  const auto model = BuildServiceModel(
-      protos.X(absl::StrCat(kQuestion,
-                            "service S {\n"
-                            "  rpc Watch(stream rpc.EventSubscription) returns (stream Id);\n"
-                            "  rpc Ask(stream Question) returns (stream Question);\n"
-                            "  rpc Get(Id) returns (Answer);\n"
-                            "}")));
+  const auto model = BuildServiceModel(protos.X(
+      absl::StrCat(kQuestion,
+                   "service S {\n"
+                   "  rpc Watch(stream rpc.EventSubscription) returns (stream ProfileId);\n"
+                   "  rpc Ask(stream Question) returns (stream Question);\n"
+                   "  rpc Get(ProfileId) returns (Question);\n"
+                   "}")));
 
   ASSERT_TRUE(model.ok() && model->has_value()) << model.status();
   const auto& methods = (*model)->methods;
@@ -77,8 +75,8 @@ TEST(ServiceModelTest, MethodsKeepTheirOrderAndTellTheirKind) {
   EXPECT_EQ(methods[0].kind, MethodModel::Kind::kEventStream);
   EXPECT_EQ(methods[1].kind, MethodModel::Kind::kCallbackStream);
   EXPECT_EQ(methods[2].kind, MethodModel::Kind::kUnary);
-  EXPECT_EQ(methods[2].request_class, "::Id");
-  EXPECT_EQ(methods[2].response_class, "::Answer");
+  EXPECT_EQ(methods[2].request_class, "::ProfileId");
+  EXPECT_EQ(methods[2].response_class, "::Question");
 }
 
 TEST(ServiceModelTest, NestedMessageHasTheClassThatProtobufGivesIt) {
@@ -116,62 +114,83 @@ TEST(ServiceModelTest, StreamOfTwoTypesIsAnError) {
 }
 
 // The error for a callback stream whose type has these fields.
-std::string CallbackFault(const std::string& fields) {
+std::string CallbackFault(const std::string& fields, const Parts& parts = {}) {
   return Fault(absl::StrCat("message Id {} message M { ", fields, " }\n",
-                            "service S {\n  rpc F(stream M) returns (stream M);\n}"));
+                            "service S {\n  rpc F(stream M) returns (stream M);\n}"),
+               parts);
 }
 
-TEST(ServiceModelTest, CallbackTypeWithoutAKeyIsAnError) {
+TEST(ServiceModelTest, TypeThatMakesNoCallbackStreamIsAnError) {
+  EXPECT_EQ(CallbackFault("Id profile_id = 1;"),
+            "x.proto:4: S.F is a callback stream, so its type M needs a field `ProfileId "
+            "profile_id`, the key that the client answers for");
+  EXPECT_EQ(CallbackFault("ProfileId profile_id = 1;", Parts{/*skeleton=*/true, /*client=*/false}),
+            "x.proto:4: S.F is a callback stream, so its type M needs `bool subscribe = 2` in a "
+            "oneof `kind`");
+}
+
+TEST(ServiceModelTest, CallbackTypeOfAClientNeedsItsOwnQuestionAndAnswer) {
+  const std::string key = "ProfileId profile_id = 1; string error = 6; ";
   constexpr char kFault[] =
-      "x.proto:4: S.F is a callback stream, so its type M needs a message field `profile_id`, the "
-      "key that the client answers for";
+      "x.proto:4: S.F is a callback stream, so its type M needs a field `Request request` in the "
+      "oneof `kind`, of a message declared inside";
 
-  EXPECT_EQ(CallbackFault("oneof kind { bool subscribe = 2; Id response = 4; }"), kFault);
-  EXPECT_EQ(CallbackFault("string profile_id = 1;"), kFault);
-  EXPECT_EQ(CallbackFault("repeated Id profile_id = 1;"), kFault);
+  EXPECT_EQ(CallbackFault(key + "message Response {} oneof kind { bool subscribe = 2; "
+                                "Response response = 4; }"),
+            kFault);
+  EXPECT_EQ(CallbackFault(key + "message Response {} message Request {} Request request = 3; "
+                                "oneof kind { bool subscribe = 2; Response response = 4; }"),
+            kFault);
+  EXPECT_EQ(CallbackFault(key + "message Request {} oneof kind { bool subscribe = 2; "
+                                "Request request = 3; Id response = 4; }"),
+            "x.proto:4: S.F is a callback stream, so its type M needs a field `Response response` "
+            "in the oneof `kind`, of a message declared inside");
 }
 
-TEST(ServiceModelTest, CallbackTypeWithoutSubscribeIsAnError) {
+TEST(ServiceModelTest, CallbackTypeOfAClientNeedsAnError) {
+  const std::string fields =
+      "ProfileId profile_id = 1; message Request {} message Response {} oneof kind { "
+      "bool subscribe = 2; Request request = 3; Response response = 4; }";
   constexpr char kFault[] =
-      "x.proto:4: S.F is a callback stream, so its type M needs `bool subscribe = 2` in a oneof "
-      "`kind`";
+      "x.proto:4: S.F is a callback stream, so its type M needs a field `string error`, for a "
+      "question that the client could not answer";
 
-  EXPECT_EQ(CallbackFault("Id profile_id = 1;"), kFault);
-  EXPECT_EQ(CallbackFault("Id profile_id = 1; bool subscribe = 2; oneof kind { Id response = 4; }"),
-            kFault);
-  EXPECT_EQ(CallbackFault("Id profile_id = 1; oneof kind { bool subscribe = 3; Id response = 4; }"),
-            kFault);
-  EXPECT_EQ(
-      CallbackFault("Id profile_id = 1; oneof kind { int32 subscribe = 2; Id response = 4; }"),
-      kFault);
-  EXPECT_EQ(CallbackFault("Id profile_id = 1; oneof what { bool subscribe = 2; Id response = 4; }"),
-            kFault);
+  EXPECT_EQ(CallbackFault(fields), kFault);
+  EXPECT_EQ(CallbackFault(fields + "repeated string error = 6;"), kFault);
+  EXPECT_EQ(CallbackFault(fields + "int32 error = 6;"), kFault);
 }
 
-TEST(ServiceModelTest, CallbackTypeWithoutResponseIsAnError) {
+TEST(ServiceModelTest, CallbackTypeNeedsACallIdThatIsOne) {
+  const std::string fields =
+      "ProfileId profile_id = 1; message Request {} message Response {} oneof kind { "
+      "bool subscribe = 2; Request request = 3; Response response = 4; } string error = 6; ";
   constexpr char kFault[] =
-      "x.proto:4: S.F is a callback stream, so its type M needs a field `response = 4` in the "
-      "oneof `kind`";
+      "x.proto:4: S.F is a callback stream, so its type M needs a field `int64 call_id` outside of "
+      "oneofs, by which an answer finds its question";
 
-  EXPECT_EQ(CallbackFault("Id profile_id = 1; oneof kind { bool subscribe = 2; }"), kFault);
-  EXPECT_EQ(CallbackFault("Id profile_id = 1; oneof kind { bool subscribe = 2; Id response = 3; }"),
-            kFault);
-  EXPECT_EQ(CallbackFault("Id profile_id = 1; Id response = 4; oneof kind { bool subscribe = 2; }"),
-            kFault);
-}
-
-TEST(ServiceModelTest, NameThatCppTakesOtherwiseIsAnError) {
-  for (const std::string name : {"delete", "GetDescriptor", "descriptor", "OpenStream", "SRpc"}) {
-    EXPECT_EQ(Fault(absl::StrCat("message M {}\nservice S {\n  rpc ", name, "(M) returns (M);\n}")),
-              absl::StrCat("x.proto:4: S.", name,
-                           " cannot be a method of the C++ class SRpc, where its name means "
-                           "something else; rename it"));
+  EXPECT_EQ(CallbackFault(fields), kFault);
+  for (const Parts parts : {Parts{/*skeleton=*/true, /*client=*/false}, Parts{}}) {
+    EXPECT_EQ(CallbackFault(fields + "string call_id = 5;", parts), kFault);
+    EXPECT_EQ(CallbackFault(fields + "int32 call_id = 5;", parts), kFault);
+    EXPECT_EQ(CallbackFault(fields + "repeated int64 call_id = 5;", parts), kFault);
+    EXPECT_EQ(CallbackFault(fields + "oneof id { int64 call_id = 5; }", parts), kFault);
   }
 }
 
-TEST(ServiceModelTest, MessageWithTheNameOfTheClassIsAnError) {
-  EXPECT_EQ(Fault("package p; message SRpc {}\nservice S {}"),
-            "x.proto:3: p.S has the class SRpc, as the message p.SRpc has; rename one of them");
+TEST(ServiceModelTest, CallbackTypeOfASkeletonAloneNeedsOnlyWhatMakesItOne) {
+  ProtoTexts protos;
+  const auto& file = protos.X(
+      "message M { ProfileId profile_id = 1; oneof kind { bool subscribe = 2; "
+      "ProfileId response = 4; } } service S { rpc F(stream M) returns (stream M); }");
+
+  EXPECT_TRUE(BuildServiceModel(file, Parts{/*skeleton=*/true, /*client=*/false}).ok());
+  EXPECT_FALSE(BuildServiceModel(file, Parts{/*skeleton=*/false, /*client=*/true}).ok());
+}
+
+TEST(ServiceModelTest, FileWithoutDescriptorsIsAnError) {
+  EXPECT_EQ(Fault("message M {}\noption optimize_for = LITE_RUNTIME;\nservice S {}"),
+            "x.proto:3: optimize_for = LITE_RUNTIME leaves out the descriptors that calls need; "
+            "remove it");
 }
 
 TEST(ServiceModelTest, EveryErrorOfAFileIsToldAtOnce) {
@@ -179,8 +198,7 @@ TEST(ServiceModelTest, EveryErrorOfAFileIsToldAtOnce) {
                   "  rpc int(M) returns (M);\n}"),
             "x.proto:4: S.F streams on the client's side only; write `stream` on both sides, or on "
             "none\n"
-            "x.proto:5: S.int cannot be a method of the C++ class SRpc, where its name means "
-            "something else; rename it");
+            "x.proto:5: S.int has a name that C++ or a macro may mean otherwise; rename it");
 }
 
 }  // namespace

@@ -1,14 +1,13 @@
 #include "compiler/skeleton_writer.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <vector>
 
 #include "absl/strings/str_cat.h"
-#include "absl/strings/str_join.h"
 #include "absl/strings/strip.h"
 #include "compiler/cpp_layout.h"
+#include "compiler/file_frame.h"
 
 namespace varnic::compiler {
 namespace {
@@ -23,48 +22,28 @@ constexpr char kBadIndex[] =
     "  }\n"
     "}\n\n";
 
-std::string Stem(const ServiceModel& model) {
-  return std::string(absl::StripSuffix(model.proto_file, ".proto"));
-}
-
-std::string Banner(const ServiceModel& model) {
-  return LayOutComment(absl::StrCat("Written by protoc-gen-varnic from ", model.proto_file,
-                                    ". Changes here are lost."));
-}
-
-std::string OpenNamespaces(const ServiceModel& model) {
-  if (model.namespaces.empty()) return "";
-  return absl::StrCat("namespace ", absl::StrJoin(model.namespaces, "::"), " {\n");
-}
-
-std::string CloseNamespaces(const ServiceModel& model) {
-  if (model.namespaces.empty()) return "";
-  return absl::StrCat("\n}  // namespace ", absl::StrJoin(model.namespaces, "::"), "\n");
-}
-
 // A parameter that the body does not use has its name in a comment.
-std::string Parameter(const std::string& type, const std::string& name, bool used = true) {
-  return used ? absl::StrCat(type, " ", name) : absl::StrCat(type, " /*", name, "*/");
+std::string Name(const std::string& name, bool used) {
+  return used ? name : absl::StrCat("/*", name, "*/");
 }
 
-std::vector<std::string> UnaryParameters(const MethodModel& method, bool messages_used) {
-  return {Parameter("::google::protobuf::RpcController*", "controller"),
-          Parameter(absl::StrCat("const ", method.request_class, "*"), "request", messages_used),
-          Parameter(absl::StrCat(method.response_class, "*"), "response", messages_used),
-          Parameter("::google::protobuf::Closure*", "done")};
+std::vector<Parameter> UnaryParameters(const MethodModel& method, bool messages_used) {
+  return {{"::google::protobuf::RpcController*", "controller"},
+          {absl::StrCat("const ", method.request_class, "*"), Name("request", messages_used)},
+          {absl::StrCat(method.response_class, "*"), Name("response", messages_used)},
+          {"::google::protobuf::Closure*", "done"}};
 }
 
-std::vector<std::string> CallMethodParameters(bool used) {
-  return {Parameter(kMethodDescriptor, "method"),
-          Parameter("::google::protobuf::RpcController*", "controller", used),
-          Parameter("const ::google::protobuf::Message*", "request", used),
-          Parameter("::google::protobuf::Message*", "response", used),
-          Parameter("::google::protobuf::Closure*", "done", used)};
+std::vector<Parameter> CallMethodParameters(bool used) {
+  return {{kMethodDescriptor, "method"},
+          {"::google::protobuf::RpcController*", Name("controller", used)},
+          {"const ::google::protobuf::Message*", Name("request", used)},
+          {"::google::protobuf::Message*", Name("response", used)},
+          {"::google::protobuf::Closure*", Name("done", used)}};
 }
 
-std::vector<std::string> OpenStreamParameters(bool used) {
-  return {Parameter(kMethodDescriptor, "method"),
-          Parameter("::varnic::StreamChannel", "channel", used)};
+std::vector<Parameter> OpenStreamParameters(bool used) {
+  return {{kMethodDescriptor, "method"}, {"::varnic::StreamChannel", Name("channel", used)}};
 }
 
 // The switch over the methods' numbers that each operation consists of.
@@ -77,19 +56,19 @@ std::string Switch(const ServiceModel& model,
   return text + kBadIndex;
 }
 
-std::string Includes(const ServiceModel& model) {
-  std::string text = absl::StrCat("#include \"", Stem(model), ".rpc.h\"\n\n",
-                                  "#include <google/protobuf/generated_message_reflection.h>\n\n",
-                                  "#include <mutex>\n");
+std::string SourceIncludes(const ServiceModel& model) {
   const bool events = model.HasKind(Kind::kEventStream);
   const bool callbacks = model.HasKind(Kind::kCallbackStream);
-  if (model.HasKind(Kind::kUnary)) text += "#include <string>\n";
-  if (events || callbacks) text += "#include <utility>\n";
-  absl::StrAppend(&text, "\n#include \"core/common/rpc/fatal.h\"\n",
-                  "#include \"core/common/rpc/service_descriptors.h\"\n");
-  if (callbacks) text += "#include \"core/common/rpc/stream/callback_stream.h\"\n";
-  if (events) text += "#include \"core/common/rpc/stream/event_stream.h\"\n";
-  return text + "\n";
+  std::vector<std::string> standard = {"mutex"};
+  if (model.HasKind(Kind::kUnary)) standard.push_back("string");
+  if (events || callbacks) standard.push_back("utility");
+  std::vector<std::string> own = {"core/common/rpc/fatal.h",
+                                  "core/common/rpc/service_descriptors.h"};
+  if (callbacks) own.push_back("core/common/rpc/stream/callback_stream.h");
+  if (events) own.push_back("core/common/rpc/stream/event_stream.h");
+  return absl::StrCat(OwnIncludes({model.stem + ".rpc.h"}), "\n",
+                      SystemIncludes({"google/protobuf/generated_message_reflection.h"}), "\n",
+                      SystemIncludes(standard), "\n", OwnIncludes(own), "\n");
 }
 
 // The file's only service, looked up once; and the registration of the file, which holds whichever
@@ -100,7 +79,7 @@ std::string DescriptorLookUp(const ServiceModel& model) {
   const std::string array = absl::StrCat("file_level_service_descriptors_", mangled);
   return absl::StrCat(
       "namespace {\n\n"
-      "std::once_flag init_service_descriptors_flag;\n",
+      "::std::once_flag init_service_descriptors_flag;\n",
       LayOutDeclaration(kServiceDescriptor, absl::StrCat(array, "[1];")),
       "\n"
       "// Registers the file with the generated pool before the program starts, whichever of its "
@@ -114,12 +93,21 @@ std::string DescriptorLookUp(const ServiceModel& model) {
       LayOutCall(6, "::google::protobuf::DescriptorPool::generated_pool()->FindFileByName",
                  {absl::StrCat("\"", model.proto_file, "\"")}, ";"),
       LayOutCall(2, "::varnic::StoreServiceDescriptors", {"*file", array}, ";"),
-      "}\n\n}  // namespace\n\n", kServiceDescriptor, " ", model.class_name, "::descriptor() {\n",
+      "}\n\n}  // namespace\n\n", kServiceDescriptor, " ", model.skeleton_class,
+      "::descriptor() {\n",
       LayOutCall(2, "::google::protobuf::internal::AssignDescriptors", {table}, ";"),
-      "  std::call_once(init_service_descriptors_flag, AssignDescriptors);\n"
+      "  ::std::call_once(init_service_descriptors_flag, AssignDescriptors);\n"
       "  return ",
-      array, "[0];\n}\n\n", kServiceDescriptor, " ", model.class_name,
+      array, "[0];\n}\n\n", kServiceDescriptor, " ", model.skeleton_class,
       "::GetDescriptor() {\n  return descriptor();\n}\n\n");
+}
+
+// A method may be called as a parameter of CallMethod() is.
+std::string Callee(const MethodModel& method) {
+  for (const char* parameter : {"method", "controller", "request", "response", "done"}) {
+    if (method.name == parameter) return absl::StrCat("this->", method.name);
+  }
+  return method.name;
 }
 
 std::string CallMethod(const ServiceModel& model) {
@@ -130,27 +118,26 @@ std::string CallMethod(const ServiceModel& model) {
     }
     return absl::StrCat(
         LayOutCall(
-            6, method.name,
+            6, Callee(method),
             {"controller", absl::StrCat("static_cast<const ", method.request_class, "*>(request)"),
              absl::StrCat("static_cast<", method.response_class, "*>(response)"), "done"},
             ";"),
         "      return;\n");
   };
-  return absl::StrCat(LayOutCall(0, absl::StrCat("void ", model.class_name, "::CallMethod"),
-                                 CallMethodParameters(model.HasKind(Kind::kUnary)), " {"),
+  return absl::StrCat(LayOutFunction(0, "void", absl::StrCat(model.skeleton_class, "::CallMethod"),
+                                     CallMethodParameters(model.HasKind(Kind::kUnary)), " {"),
                       Switch(model, statement));
 }
 
 std::string Prototypes(const ServiceModel& model, const std::string& operation,
                        std::string MethodModel::*type) {
   const auto statement = [type](const MethodModel& method) {
-    return absl::StrCat("      return ", method.*type, "::default_instance();\n");
+    return LayOutReturn(6, method.*type, "default_instance()");
   };
-  return absl::StrCat(
-      LayOutCall(
-          0, absl::StrCat("const ::google::protobuf::Message& ", model.class_name, "::", operation),
-          {Parameter(kMethodDescriptor, "method")}, " const {"),
-      Switch(model, statement));
+  return absl::StrCat(LayOutFunction(0, "const ::google::protobuf::Message&",
+                                     absl::StrCat(model.skeleton_class, "::", operation),
+                                     {{kMethodDescriptor, "method"}}, " const {"),
+                      Switch(model, statement));
 }
 
 std::string OpenStream(const ServiceModel& model) {
@@ -160,33 +147,33 @@ std::string OpenStream(const ServiceModel& model) {
           "      VARNIC_FATAL(\"Cannot open a stream for a non-streaming method.\");\n");
     }
     const char* stream = method.kind == Kind::kEventStream ? "EventStream" : "CallbackStream";
-    return LayOutCall(
-        6, absl::StrCat("return new ::varnic::", stream, "<", method.response_class, ">"),
-        {"this", "method", "std::move(channel)"}, ";");
+    return LayOutTemplateCall(6, absl::StrCat("return new ::varnic::", stream),
+                              method.response_class, {"this", "method", "::std::move(channel)"},
+                              ";");
   };
   const bool streams = model.HasKind(Kind::kEventStream) || model.HasKind(Kind::kCallbackStream);
-  return absl::StrCat(
-      LayOutCall(0, absl::StrCat("::varnic::AbstractStream* ", model.class_name, "::OpenStream"),
-                 OpenStreamParameters(streams), " {"),
-      Switch(model, statement));
+  return absl::StrCat(LayOutFunction(0, "::varnic::AbstractStream*",
+                                     absl::StrCat(model.skeleton_class, "::OpenStream"),
+                                     OpenStreamParameters(streams), " {"),
+                      Switch(model, statement));
 }
 
 std::string Default(const ServiceModel& model, const MethodModel& method) {
-  const std::string head = absl::StrCat("void ", model.class_name, "::", method.name);
+  const std::string name = absl::StrCat(model.skeleton_class, "::", method.name);
   if (method.kind != Kind::kUnary) {
-    return absl::StrCat(head, "() {\n  VARNIC_FATAL(\"Not implemented.\");\n}\n");
+    return absl::StrCat("void ", name, "() {\n  VARNIC_FATAL(\"Not implemented.\");\n}\n");
   }
   return absl::StrCat(
-      LayOutCall(0, head, UnaryParameters(method, /*messages_used=*/false), " {"),
+      LayOutFunction(0, "void", name, UnaryParameters(method, /*messages_used=*/false), " {"),
       LayOutCall(2, "controller->SetFailed",
                  {absl::StrCat("\"Method ", method.name, "() not implemented.\"")}, ";"),
       "  done->Run();\n}\n");
 }
 
 std::string Declaration(const MethodModel& method) {
-  const std::string head = absl::StrCat("virtual void ", method.name);
-  if (method.kind != Kind::kUnary) return absl::StrCat("  ", head, "();\n");
-  return LayOutCall(2, head, UnaryParameters(method, /*messages_used=*/true), ";");
+  if (method.kind != Kind::kUnary) return absl::StrCat("  virtual void ", method.name, "();\n");
+  return LayOutFunction(2, "virtual void", method.name,
+                        UnaryParameters(method, /*messages_used=*/true), ";");
 }
 
 // Those of unary methods, and then those of streams, each in the order of their numbers.
@@ -203,24 +190,20 @@ std::string ServiceOperations() {
   return absl::StrCat(
       "  // Any thread.\n  static ", kServiceDescriptor, " descriptor();\n\n  ", kServiceDescriptor,
       " GetDescriptor() override;\n",
-      LayOutCall(2, "void CallMethod", CallMethodParameters(/*used=*/true), " override;"),
-      LayOutCall(2, "const ::google::protobuf::Message& GetRequestPrototype",
-                 {Parameter(kMethodDescriptor, "method")}, " const override;"),
-      LayOutCall(2, "const ::google::protobuf::Message& GetResponsePrototype",
-                 {Parameter(kMethodDescriptor, "method")}, " const override;"),
-      LayOutCall(2, "::varnic::AbstractStream* OpenStream", OpenStreamParameters(/*used=*/true),
-                 " override;"));
+      LayOutFunction(2, "void", "CallMethod", CallMethodParameters(/*used=*/true), " override;"),
+      LayOutFunction(2, "const ::google::protobuf::Message&", "GetRequestPrototype",
+                     {{kMethodDescriptor, "method"}}, " const override;"),
+      LayOutFunction(2, "const ::google::protobuf::Message&", "GetResponsePrototype",
+                     {{kMethodDescriptor, "method"}}, " const override;"),
+      LayOutFunction(2, "::varnic::AbstractStream*", "OpenStream",
+                     OpenStreamParameters(/*used=*/true), " override;"));
 }
 
 std::string HeaderIncludes(const ServiceModel& model) {
-  std::vector<std::string> own = {"core/common/rpc/abstract_stream.h", "core/common/rpc/service.h",
-                                  Stem(model) + ".pb.h"};
-  std::sort(own.begin(), own.end());
-  std::string text =
-      "#include <google/protobuf/descriptor.h>\n"
-      "#include <google/protobuf/service.h>\n\n";
-  for (const std::string& path : own) absl::StrAppend(&text, "#include \"", path, "\"\n");
-  return text + "\n";
+  return absl::StrCat(SystemIncludes({"google/protobuf/descriptor.h", "google/protobuf/service.h"}),
+                      "\n",
+                      OwnIncludes({"core/common/rpc/abstract_stream.h", "core/common/rpc/service.h",
+                                   model.stem + ".pb.h"}));
 }
 
 std::string ClassComment(const ServiceModel& model) {
@@ -238,18 +221,16 @@ std::string ClassComment(const ServiceModel& model) {
 }  // namespace
 
 std::string WriteSkeletonHeader(const ServiceModel& model) {
-  const std::string guard = IncludeGuard(absl::StrCat(Stem(model), ".rpc.h"));
   const auto declare = [](const MethodModel& method) { return Declaration(method); };
   const std::string unary = ForEachMethod(model, /*unary=*/true, declare);
   const std::string hooks = ForEachMethod(model, /*unary=*/false, declare);
-  return absl::StrCat(
-      Banner(model), "#ifndef ", guard, "\n#define ", guard, "\n\n", HeaderIncludes(model),
-      OpenNamespaces(model), model.namespaces.empty() ? "" : "\n", ClassComment(model), "class ",
-      model.class_name, " : public ::varnic::Service {\n public:\n  ", model.class_name,
-      "() = default;\n  ~", model.class_name, "() override = default;\n\n", ServiceOperations(),
+  const std::string code = absl::StrCat(
+      ClassComment(model), "class ", model.skeleton_class,
+      " : public ::varnic::Service {\n public:\n  ", model.skeleton_class, "() = default;\n  ~",
+      model.skeleton_class, "() override = default;\n\n", ServiceOperations(),
       unary.empty() ? "" : "\n", unary,
-      hooks.empty() ? "" : "\n  // Never called: OpenStream() makes the streams.\n", hooks, "};\n",
-      CloseNamespaces(model), "\n#endif  // ", guard, "\n");
+      hooks.empty() ? "" : "\n  // Never called: OpenStream() makes the streams.\n", hooks, "};\n");
+  return FrameHeader(model, model.stem + ".rpc.h", HeaderIncludes(model), code);
 }
 
 std::string WriteSkeletonSource(const ServiceModel& model) {
@@ -262,7 +243,7 @@ std::string WriteSkeletonSource(const ServiceModel& model) {
       DescriptorLookUp(model), CallMethod(model),
       Prototypes(model, "GetRequestPrototype", &MethodModel::request_class),
       Prototypes(model, "GetResponsePrototype", &MethodModel::response_class), OpenStream(model));
-  return absl::StrCat(Banner(model), Includes(model), OpenNamespaces(model),
+  return absl::StrCat(Banner(model), SourceIncludes(model), OpenNamespaces(model),
                       absl::StripSuffix(operations, "\n"),
                       ForEachMethod(model, /*unary=*/true, define_unary), hooks.empty() ? "" : "\n",
                       hooks, CloseNamespaces(model));

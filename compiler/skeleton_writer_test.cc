@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "absl/strings/str_cat.h"
 #include "compiler/service_model.h"
 #include "compiler/testing/proto_texts.h"
 
@@ -70,7 +71,7 @@ TEST(SkeletonWriterTest, EachMethodIsDispatchedByItsPlaceInTheFile) {
       source,
       HasSubstr("    case 0:\n"
                 "      return new ::varnic::EventStream<::M>(this, method, "
-                "std::move(channel));\n"
+                "::std::move(channel));\n"
                 "    case 1:\n"
                 "      VARNIC_FATAL(\"Cannot open a stream for a non-streaming method.\");"));
   EXPECT_THAT(source, HasSubstr("    case 0:\n"
@@ -80,13 +81,19 @@ TEST(SkeletonWriterTest, EachMethodIsDispatchedByItsPlaceInTheFile) {
 }
 
 TEST(SkeletonWriterTest, CallbackStreamIsOneOfItsOwnType) {
-  const std::string source = WriteSkeletonSource(
-      ModelOf("message Id {} message Q { Id profile_id = 1; oneof kind { bool subscribe = 2; "
-              "Id response = 4; } } service S { rpc Ask(stream Q) returns (stream Q); }"));
+  const std::string source = WriteSkeletonSource(ModelOf(absl::StrCat(
+      testing::kQuestion, "service S { rpc Ask(stream Question) returns (stream Question); }")));
 
-  EXPECT_THAT(source, HasSubstr("new ::varnic::CallbackStream<::Q>("));
+  EXPECT_THAT(source, HasSubstr("new ::varnic::CallbackStream<::Question>("));
   EXPECT_THAT(source, HasSubstr("#include \"core/common/rpc/stream/callback_stream.h\"\n"));
   EXPECT_THAT(source, Not(HasSubstr("event_stream.h")));
+}
+
+TEST(SkeletonWriterTest, MethodThatIsCalledAsAParameterIsIsCalledThroughThis) {
+  const std::string source =
+      WriteSkeletonSource(ModelOf("message M {} service S { rpc done(M) returns (M); }"));
+
+  EXPECT_THAT(source, HasSubstr("      this->done(controller, static_cast<const ::M*>(request),"));
 }
 
 TEST(SkeletonWriterTest, ParametersThatNobodyUsesAreCommentedOut) {

@@ -11,6 +11,7 @@ namespace varnic::compiler::testing {
 ProtoTexts::ProtoTexts() : importer_(this, this) {
   Add("rpc/event_subscription.proto",
       "syntax = \"proto3\"; package rpc; message EventSubscription {}");
+  Add("rpc/identifiers.proto", "syntax = \"proto3\"; message ProfileId {}");
 }
 
 void ProtoTexts::Add(const std::string& path, const std::string& text) {
@@ -18,8 +19,8 @@ void ProtoTexts::Add(const std::string& path, const std::string& text) {
 }
 
 const google::protobuf::FileDescriptor& ProtoTexts::X(const std::string& text) {
-  Add("x.proto",
-      absl::StrCat("syntax = \"proto3\"; import \"rpc/event_subscription.proto\";\n", text));
+  Add("x.proto", absl::StrCat("syntax = \"proto3\"; import \"rpc/event_subscription.proto\"; ",
+                              "import \"rpc/identifiers.proto\";\n", text));
   return File("x.proto");
 }
 

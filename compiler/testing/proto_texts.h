@@ -10,12 +10,18 @@
 
 namespace varnic::compiler::testing {
 
+// A callback stream's type, called Question, with all that its templates need.
+constexpr char kQuestion[] =
+    "message Question { message Request {} message Response {} ProfileId profile_id = 1; "
+    "oneof kind { bool subscribe = 2; Request request = 3; Response response = 4; } "
+    "int64 call_id = 5; string error = 6; }\n";
+
 // Proto files that stand in strings, parsed as protoc does, with their line numbers. What does not
 // parse fails the test. Owns the descriptors that it gives.
 class ProtoTexts : private google::protobuf::compiler::SourceTree,
                    private google::protobuf::compiler::MultiFileErrorCollector {
  public:
-  // "rpc/event_subscription.proto" is there from the beginning.
+  // "rpc/event_subscription.proto" and "rpc/identifiers.proto" are there from the beginning.
   ProtoTexts();
 
   void Add(const std::string& path, const std::string& text);

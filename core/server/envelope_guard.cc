@@ -9,20 +9,6 @@ namespace {
 
 using google::protobuf::Descriptor;
 using google::protobuf::FieldDescriptor;
-using google::protobuf::OneofDescriptor;
-
-// The members of the oneof that a client may set.
-constexpr int kSubscribe = 2;
-constexpr int kResponse = 4;
-
-bool AnswersQuestions(const Descriptor& type) {
-  const OneofDescriptor* kind = type.FindOneofByName("kind");
-  const FieldDescriptor* subscribe = type.FindFieldByNumber(kSubscribe);
-  const FieldDescriptor* response = type.FindFieldByNumber(kResponse);
-  return kind != nullptr && subscribe != nullptr && response != nullptr &&
-         subscribe->containing_oneof() == kind && response->containing_oneof() == kind &&
-         subscribe->cpp_type() == FieldDescriptor::CPPTYPE_BOOL;
-}
 
 // The field of that name, if it has the type that a stream's own message has it with.
 const FieldDescriptor* Field(const Descriptor& type, const char* name,
@@ -34,21 +20,13 @@ const FieldDescriptor* Field(const Descriptor& type, const char* name,
 
 }  // namespace
 
-StreamKind KindOfStream(const google::protobuf::MethodDescriptor& method) {
-  if (!method.client_streaming() || !method.server_streaming()) return StreamKind::kNone;
-  if (method.input_type() == ::rpc::EventSubscription::descriptor()) return StreamKind::kEvents;
-  if (method.input_type() == method.output_type() && AnswersQuestions(*method.input_type())) {
-    return StreamKind::kCallbacks;
-  }
-  return StreamKind::kPlain;
-}
-
 EnvelopeGuard::EnvelopeGuard(const google::protobuf::MethodDescriptor& method,
                              const google::protobuf::Message& prototype)
     : kind_(KindOfStream(method)),
       type_(prototype.GetDescriptor()->full_name()),
       message_(prototype.New()),
-      call_id_(Field(*prototype.GetDescriptor(), "call_id", FieldDescriptor::CPPTYPE_INT64)),
+      call_id_(
+          prototype.GetDescriptor()->FindFieldByNumber(CallIdField(*prototype.GetDescriptor()))),
       error_(Field(*prototype.GetDescriptor(), "error", FieldDescriptor::CPPTYPE_STRING)),
       profile_id_(
           Field(*prototype.GetDescriptor(), "profile_id", FieldDescriptor::CPPTYPE_MESSAGE)),
@@ -90,8 +68,8 @@ absl::Status EnvelopeGuard::InspectCallbacks(bool is_error, Content& content) co
 
   const FieldDescriptor* member = reflection.GetOneofFieldDescriptor(*message_, kind_oneof_);
   const int number = member == nullptr ? 0 : member->number();
-  if (number == kResponse) return absl::OkStatus();
-  if (number != kSubscribe) {
+  if (number == kResponseNumber) return absl::OkStatus();
+  if (number != kSubscribeNumber) {
     return absl::InvalidArgumentError(
         absl::StrCat("A client may send `subscribe`, `response` or `error` in a ", type_, ", not ",
                      member == nullptr ? "none of them" : absl::StrCat("`", member->name(), "`")));

@@ -10,15 +10,9 @@
 #include <string_view>
 
 #include "absl/status/status.h"
+#include "core/common/rpc/stream_kind.h"
 
 namespace varnic {
-
-// The kinds of bidirectional stream, as the proto file tells them apart: a stream of
-// rpc.EventSubscription asks for events, and one on which both sides send the same type, with
-// `bool subscribe = 2` and `response = 4` in a oneof `kind`, answers questions. Any other one is
-// plain: it knows nothing of keys and call ids, and its class is the service's own.
-enum class StreamKind { kEvents, kCallbacks, kPlain, kNone };
-StreamKind KindOfStream(const google::protobuf::MethodDescriptor& method);
 
 // Looks at every message that a client sends on a stream before the stream does, and keeps away
 // what the stream would die of or what nobody could have meant: bytes that do not parse, and, on a

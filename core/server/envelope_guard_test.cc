@@ -1,6 +1,6 @@
 #include "core/server/envelope_guard.h"
 
-#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/descriptor.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -29,32 +29,6 @@ class CallbackGuardTest : public ::testing::Test {
   EnvelopeGuard guard_{Method("OnCanAccessFile"), rpc::CanAccessFile::default_instance()};
   EnvelopeGuard::Content content_;
 };
-
-TEST(KindOfStreamTest, FollowsFromTheTypesOfTheMethod) {
-  EXPECT_EQ(KindOfStream(Method("WhenNetworkChanged")), StreamKind::kEvents);
-  EXPECT_EQ(KindOfStream(Method("OnCanAccessFile")), StreamKind::kCallbacks);
-  EXPECT_EQ(KindOfStream(Method("OnAuthenticate")), StreamKind::kCallbacks);
-  EXPECT_EQ(KindOfStream(Method("Path")), StreamKind::kNone);
-}
-
-TEST(KindOfStreamTest, OtherBidirectionalStreamsArePlain) {
-  google::protobuf::FileDescriptorProto file;
-  file.set_name("test/plain.proto");
-  file.add_dependency(ProfileId::descriptor()->file()->name());
-  auto& method = *file.add_service()->add_method();
-  file.mutable_service(0)->set_name("Plain");
-  method.set_name("Method");
-  method.set_input_type(".ProfileId");
-  method.set_output_type(".ProfileId");
-  method.set_server_streaming(true);
-  google::protobuf::DescriptorPool pool(google::protobuf::DescriptorPool::generated_pool());
-
-  EXPECT_EQ(KindOfStream(*pool.BuildFile(file)->service(0)->method(0)), StreamKind::kNone);
-  file.set_name("test/plain_both_ways.proto");
-  file.mutable_service(0)->set_name("PlainBothWays");
-  method.set_client_streaming(true);
-  EXPECT_EQ(KindOfStream(*pool.BuildFile(file)->service(0)->method(0)), StreamKind::kPlain);
-}
 
 TEST_F(CallbackGuardTest, AnswerPassesWithItsCallId) {
   rpc::CanAccessFile answer;

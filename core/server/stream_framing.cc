@@ -10,24 +10,33 @@
 namespace varnic {
 namespace {
 
-using google::protobuf::FieldDescriptor;
 using google::protobuf::internal::WireFormatLite;
 using google::protobuf::io::CodedOutputStream;
 
-// Appends a field to a serialised message; of a field that is there twice, parsers take the last.
-void AppendInt64(int field, std::int64_t value, std::string& message) {
-  google::protobuf::io::StringOutputStream stream(&message);
-  CodedOutputStream output(&stream);
-  WireFormatLite::WriteInt64(field, value, &output);
-}
-
-// A gRPC prefix for a message of `size` bytes, and the first of these bytes.
-std::string Framed(std::size_t size, std::string_view beginning) {
+// A gRPC prefix for a message of `size` bytes, and the first of these bytes, with room for `more`.
+std::string Framed(std::size_t size, std::string_view beginning, std::size_t more = 0) {
   const net::MessagePrefix prefix = net::MakeMessagePrefix(static_cast<uint32_t>(size));
   std::string framed;
-  framed.reserve(prefix.size() + beginning.size());
+  framed.reserve(prefix.size() + beginning.size() + more);
   framed.append(prefix.data(), prefix.size());
   framed.append(beginning);
+  return framed;
+}
+
+// `payload`, and the call id behind it unless that is 0; of a field that is there twice, parsers
+// take the last.
+std::string FrameTyped(const std::string& payload, int call_id_field, std::int64_t call_id) {
+  const bool has_id = call_id_field != 0 && call_id != 0;
+  const std::size_t id_size =
+      has_id ? WireFormatLite::TagSize(call_id_field, WireFormatLite::TYPE_INT64) +
+                   WireFormatLite::Int64Size(call_id)
+             : 0;
+  std::string framed = Framed(payload.size() + id_size, payload, id_size);
+  if (has_id) {
+    framed.resize(framed.size() + id_size);
+    WireFormatLite::WriteInt64ToArray(call_id_field, call_id,
+                                      reinterpret_cast<uint8_t*>(&framed[framed.size() - id_size]));
+  }
   return framed;
 }
 
@@ -45,25 +54,17 @@ std::string EnvelopeHead(std::size_t payload_size) {
 
 }  // namespace
 
-int CallIdField(const google::protobuf::Descriptor& type) {
-  const FieldDescriptor* field = type.FindFieldByName("call_id");
-  const bool fits =
-      field != nullptr && !field->is_repeated() && field->type() == FieldDescriptor::TYPE_INT64;
-  return fits ? field->number() : 0;
-}
-
 std::string FrameEnvelope(StreamFraming framing, const ::rpc::transport::StreamMessage& envelope,
                           int call_id_field) {
   if (framing == StreamFraming::kEnvelope) return net::FrameMessage(envelope);
-  std::string message = envelope.payload();
-  if (call_id_field != 0 && envelope.call_id() != 0) {
-    AppendInt64(call_id_field, envelope.call_id(), message);
-  }
-  return Framed(message.size(), message);
+  return FrameTyped(envelope.payload(), call_id_field, envelope.call_id());
 }
 
 std::string FrameEventPrefix(StreamFraming framing, std::size_t payload_size) {
-  if (framing == StreamFraming::kTyped) return Framed(payload_size, "");
+  if (framing == StreamFraming::kTyped) {
+    const net::MessagePrefix prefix = net::MakeMessagePrefix(static_cast<uint32_t>(payload_size));
+    return std::string(prefix.data(), prefix.size());
+  }
   const std::string head = EnvelopeHead(payload_size);
   return Framed(head.size() + payload_size, head);
 }

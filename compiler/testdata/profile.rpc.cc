@@ -15,7 +15,7 @@
 namespace rpc {
 namespace {
 
-std::once_flag init_service_descriptors_flag;
+::std::once_flag init_service_descriptors_flag;
 const ::google::protobuf::ServiceDescriptor*
     file_level_service_descriptors_rpc_2fprofile_2fprofile_2eproto[1];
 
@@ -37,7 +37,7 @@ void AssignDescriptors() {
 const ::google::protobuf::ServiceDescriptor* ProfileRpc::descriptor() {
   ::google::protobuf::internal::AssignDescriptors(
       &::descriptor_table_rpc_2fprofile_2fprofile_2eproto);
-  std::call_once(init_service_descriptors_flag, AssignDescriptors);
+  ::std::call_once(init_service_descriptors_flag, AssignDescriptors);
   return file_level_service_descriptors_rpc_2fprofile_2fprofile_2eproto[0];
 }
 
@@ -184,11 +184,11 @@ const ::google::protobuf::Message& ProfileRpc::GetResponsePrototype(
     case 8:
       VARNIC_FATAL("Cannot open a stream for a non-streaming method.");
     case 9:
-      return new ::varnic::EventStream<::rpc::NetworkChanged>(this, method, std::move(channel));
+      return new ::varnic::EventStream<::rpc::NetworkChanged>(this, method, ::std::move(channel));
     case 10:
-      return new ::varnic::CallbackStream<::rpc::CanAccessFile>(this, method, std::move(channel));
+      return new ::varnic::CallbackStream<::rpc::CanAccessFile>(this, method, ::std::move(channel));
     case 11:
-      return new ::varnic::CallbackStream<::rpc::Authenticate>(this, method, std::move(channel));
+      return new ::varnic::CallbackStream<::rpc::Authenticate>(this, method, ::std::move(channel));
     default:
       VARNIC_FATAL("Bad method index; this should never happen.");
   }
