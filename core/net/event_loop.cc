@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <map>
 #include <optional>
 #include <utility>
 
@@ -38,11 +39,85 @@ struct EventLoop::Work {
   const asio::executor_work_guard<asio::io_context::executor_type> guard;
 };
 
+// The timers of a loop, in the order of their times. Waits with one timer of Asio's for the first
+// of them; when that is cancelled, it wakes up for nothing.
+class EventLoop::TimerQueue {
+ public:
+  using Time = LoopClock::time_point;
+
+  void Open(asio::io_context& context) {
+    context_ = &context;
+    wait_.emplace(context);
+  }
+  // The context is about to go. Callbacks are destroyed unrun, and so are those that come later.
+  void Close() {
+    wait_.reset();
+    // What a callback owns may come back in here when it ends.
+    while (!callbacks_.empty()) callbacks_.extract(callbacks_.begin());
+  }
+
+  // The number of the timer, which is not 0.
+  std::uint64_t Add(Time due, std::function<void()> callback) {
+    if (!wait_.has_value()) return ++last_number_;
+    // Mostly behind all others, as most timers of a loop wait for the same time.
+    callbacks_.emplace_hint(callbacks_.end(), Key{due, ++last_number_}, std::move(callback));
+    WaitForFirst();
+    return last_number_;
+  }
+  // Nothing happens if it has run.
+  void Remove(Time due, std::uint64_t number) {
+    // What the callback owns may come back in here when it ends.
+    const auto removed = callbacks_.extract({due, number});
+  }
+
+ private:
+  using Key = std::pair<Time, std::uint64_t>;
+
+  void WaitForFirst() {
+    if (callbacks_.empty()) return;
+    const Time first = callbacks_.begin()->first.first;
+    if (first >= waits_until_) return;
+    waits_until_ = first;
+    wait_->expires_at(first);
+    wait_->async_wait([this](const asio::error_code& error) {
+      if (!error) RunDue();
+    });
+  }
+
+  // None after one that stops the loop, and none that another of them starts.
+  void RunDue() {
+    waits_until_ = Time::max();
+    const Time now = LoopClock::now();
+    const std::uint64_t last_number = last_number_;
+    while (!context_->stopped() && IsDue(now, last_number)) {
+      callbacks_.extract(callbacks_.begin()).mapped()();
+    }
+    WaitForFirst();
+  }
+
+  bool IsDue(Time now, std::uint64_t last_number) const {
+    if (callbacks_.empty()) return false;
+    const auto& [due, number] = callbacks_.begin()->first;
+    return due <= now && number <= last_number;
+  }
+
+  asio::io_context* context_ = nullptr;
+  std::optional<AsioTimer> wait_;  // None before Open() and after Close().
+  Time waits_until_ = Time::max();
+  std::uint64_t last_number_ = 0;
+  std::map<Key, std::function<void()>> callbacks_;
+};
+
 // One thread runs the loop, so Asio may leave out what more would need.
 EventLoop::EventLoop()
-    : context_(std::make_unique<asio::io_context>(/*concurrency_hint=*/1)),
-      work_(std::make_unique<Work>(*context_)) {}
-EventLoop::~EventLoop() = default;
+    : timers_(std::make_unique<TimerQueue>()),
+      context_(std::make_unique<asio::io_context>(/*concurrency_hint=*/1)),
+      work_(std::make_unique<Work>(*context_)) {
+  timers_->Open(*context_);
+}
+EventLoop::~EventLoop() {
+  timers_->Close();
+}
 
 void EventLoop::Run() {
   const RunScope scope(*this);
@@ -99,39 +174,17 @@ bool EventLoop::IsLoopThread() const {
   return thread == std::thread::id() || thread == std::this_thread::get_id();
 }
 
-class Timer::Impl {
- public:
-  explicit Impl(EventLoop& loop) : timer_(loop.context()) {}
-
-  void Start(absl::Duration delay, std::function<void()> callback) {
-    const unsigned start = ++starts_;
-    // The clock cannot count to the end of an infinite delay.
-    timer_.expires_after(absl::ToChronoNanoseconds(std::min(delay, kLongestDelay)));
-    timer_.async_wait(lifetime_.Guard(
-        [this, start, callback = std::move(callback)](const asio::error_code& error) {
-          // A wait that was over before the cancellation reached it reports no error.
-          if (!error && start == starts_) callback();
-        }));
-  }
-
-  void Cancel() {
-    ++starts_;
-    timer_.cancel();
-  }
-
- private:
-  AsioTimer timer_;
-  unsigned starts_ = 0;
-  Lifetime lifetime_;
-};
-
-Timer::Timer(EventLoop& loop) : impl_(std::make_unique<Impl>(loop)) {}
-Timer::~Timer() = default;
 void Timer::Start(absl::Duration delay, std::function<void()> callback) {
-  impl_->Start(delay, std::move(callback));
+  Cancel();
+  // The clock cannot count to the end of an infinite delay.
+  // One that was due before now would go before those that have waited for longer.
+  delay = std::clamp(delay, absl::ZeroDuration(), kLongestDelay);
+  due_ = LoopClock::now() + absl::ToChronoNanoseconds(delay);
+  number_ = loop_.timers_->Add(due_, std::move(callback));
 }
+
 void Timer::Cancel() {
-  impl_->Cancel();
+  if (number_ != 0) loop_.timers_->Remove(due_, std::exchange(number_, 0));
 }
 
 class StopSignals::Impl {

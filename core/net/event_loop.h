@@ -3,12 +3,14 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <thread>
 
 #include "absl/functional/function_ref.h"
 #include "absl/time/time.h"
+#include "core/net/loop_clock.h"
 
 namespace asio {
 class io_context;
@@ -33,7 +35,8 @@ class EventLoop {
   // Makes the calling thread the loop's until Stop(). A Stop() before Run() counts, and a loop that
   // was stopped never runs again. Fatal while the loop runs already.
   void Run();
-  // The same until `done()` holds, which is asked after every step; false after Stop().
+  // The same until `done()` holds, which is asked after every step; false after Stop(). A step is
+  // one task, or all timers that are due.
   bool RunUntil(absl::FunctionRef<bool()> done);
   void Stop();
   bool IsStopped() const;
@@ -51,22 +54,27 @@ class EventLoop {
   asio::io_context& context() { return *context_; }
 
  private:
+  friend class Timer;
   class RunScope;
   struct Work;
+  class TimerQueue;
 
-  std::unique_ptr<asio::io_context> context_;
-  std::unique_ptr<Work> work_;           // Lets a loop with nothing to do wait, rather than end.
   std::atomic<std::thread::id> thread_;  // None while nobody runs the loop.
+  // Before the context: what its unrun tasks own may cancel timers when it goes.
+  std::unique_ptr<TimerQueue> timers_;
+  std::unique_ptr<asio::io_context> context_;
+  std::unique_ptr<Work> work_;  // Lets a loop with nothing to do wait, rather than end.
 };
 
 // One timer on a loop, by the LoopClock. Safe to start again, to cancel and to destroy at any time,
-// inside its own callback too; the callback of a cancelled or destroyed timer never runs.
+// inside its own callback too; the callback of a cancelled or destroyed timer never runs. Starting
+// and cancelling cost little: most timers never come due.
 class Timer {
  public:
-  explicit Timer(EventLoop& loop);
+  explicit Timer(EventLoop& loop) : loop_(loop) {}
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
-  ~Timer();
+  ~Timer() { Cancel(); }
 
   // Runs `callback` once, `delay` from now, but in a year at the latest. An earlier Start() no
   // longer counts.
@@ -74,8 +82,9 @@ class Timer {
   void Cancel();
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> impl_;
+  EventLoop& loop_;
+  LoopClock::time_point due_;
+  std::uint64_t number_ = 0;  // Of the last Start(); 0 after Cancel().
 };
 
 // Watches for SIGINT and SIGTERM on a loop, instead of their default actions.

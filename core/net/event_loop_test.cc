@@ -253,6 +253,39 @@ TEST_F(TimerTest, CancellingWhatIsDueAlreadyKeepsItSilent) {
   EXPECT_EQ(runs, 1);
 }
 
+TEST(EventLoopTest, WhatHasNotRunAtItsEndMayOwnTimers) {
+  auto loop = std::make_unique<EventLoop>();
+  auto of_task = std::make_shared<Timer>(*loop);
+  auto of_itself = std::make_shared<Timer>(*loop);
+  const std::weak_ptr<Timer> task_timer = of_task;
+  const std::weak_ptr<Timer> own_timer = of_itself;
+  of_task->Start(absl::Hours(1), [] {});
+  of_itself->Start(absl::Hours(1), [timer = of_itself] {});
+  loop->Post([timer = std::move(of_task)] {});
+  of_itself.reset();
+
+  loop.reset();
+
+  EXPECT_TRUE(task_timer.expired());
+  EXPECT_TRUE(own_timer.expired());
+}
+
+TEST_F(TimerTest, ATimerThatIsAlwaysLateDoesNotHoldUpAnother) {
+  Timer late(loop_);
+  int rounds = 0;
+  const std::function<void()> again = [&] {
+    if (++rounds < 1000) late.Start(-absl::Seconds(1), again);
+  };
+  again();
+  Timer other(loop_);
+  bool ran = false;
+  other.Start(absl::ZeroDuration(), [&] { ran = true; });
+
+  loop_.RunUntil([&] { return ran; });
+
+  EXPECT_LT(rounds, 1000);
+}
+
 TEST_F(TimerTest, ASecondStartReplacesTheFirst) {
   Timer timer(loop_);
   std::vector<std::string> events;
@@ -327,6 +360,76 @@ TEST_F(HeldTimeTest, TimersThatAreDueRunInTheOrderOfTheirTimes) {
   loop_.RunPending();
 
   EXPECT_THAT(events_, ElementsAre("early", "late"));
+}
+
+TEST_F(HeldTimeTest, TimersOfOneTimeRunInTheOrderOfTheirStarts) {
+  Timer first(loop_);
+  Timer second(loop_);
+  Timer third(loop_);
+  Start(second, absl::Seconds(1), "replaced");
+  Start(first, absl::Seconds(1), "first");
+  Start(second, absl::Seconds(1), "second");
+  Start(third, absl::Seconds(1), "third");
+
+  clock_.Advance(absl::Seconds(1));
+  loop_.RunPending();
+
+  EXPECT_THAT(events_, ElementsAre("first", "second", "third"));
+}
+
+TEST_F(HeldTimeTest, ATimerThatStartsItselfAtOnceDoesNotKeepATurnGoing) {
+  Timer timer(loop_);
+  std::function<void()> again = [&] {
+    events_.push_back("again");
+    timer.Start(absl::ZeroDuration(), again);
+  };
+  timer.Start(absl::ZeroDuration(), again);
+
+  loop_.RunPending();
+
+  EXPECT_THAT(events_, ElementsAre("again"));
+}
+
+TEST_F(HeldTimeTest, NoTimerRunsAfterOneThatStopsTheLoop) {
+  Timer stops(loop_);
+  Timer late(loop_);
+  stops.Start(absl::Seconds(1), [this] { loop_.Stop(); });
+  Start(late, absl::Seconds(2), "late");
+
+  clock_.Advance(absl::Seconds(3));
+  loop_.RunPending();
+  EXPECT_TRUE(events_.empty());
+  loop_.RunPending();
+
+  EXPECT_THAT(events_, ElementsAre("late"));
+}
+
+TEST_F(HeldTimeTest, ATimerMayDestroyOthersThatAreDue) {
+  auto other = std::make_unique<Timer>(loop_);
+  Timer destroys(loop_);
+  destroys.Start(absl::Seconds(1), [&] { other = nullptr; });
+  Start(*other, absl::Seconds(2), "other");
+
+  clock_.Advance(absl::Seconds(3));
+  loop_.RunPending();
+
+  EXPECT_TRUE(events_.empty());
+}
+
+TEST_F(HeldTimeTest, ACancelledTimerDoesNotHoldUpALaterOne) {
+  Timer early(loop_);
+  Timer late(loop_);
+  Start(early, absl::Seconds(1), "early");
+  Start(late, absl::Seconds(2), "late");
+  early.Cancel();
+
+  clock_.Advance(absl::Seconds(1));
+  loop_.RunPending();
+  EXPECT_TRUE(events_.empty());
+  clock_.Advance(absl::Seconds(1));
+  loop_.RunPending();
+
+  EXPECT_THAT(events_, ElementsAre("late"));
 }
 
 TEST_F(HeldTimeTest, TimerThatIsStartedAgainWaitsForItsTimeAgain) {

@@ -46,10 +46,11 @@ void GrpcClientCall::OnHeaders(const HeaderList& headers) {
   if (http_status != "200" || !IsGrpcContentType(headers.Find("content-type"))) {
     int number = 0;
     (void)absl::SimpleAtoi(std::string(http_status), &number);
-    Fail(absl::Status(StatusFromHttp(number),
-                      absl::StrCat("the server answered with HTTP status ",
-                                   std::string(http_status), " and no gRPC message")));
+    return Fail(absl::Status(StatusFromHttp(number),
+                             absl::StrCat("the server answered with HTTP status ",
+                                          std::string(http_status), " and no gRPC message")));
   }
+  if (!std::exchange(has_headers_, true) && visitor_ != nullptr) visitor_->OnHeaders();
 }
 
 void GrpcClientCall::OnTrailers(const HeaderList& headers) {
@@ -70,6 +71,10 @@ void GrpcClientCall::OnData(std::string_view chunk) {
   if (!status.ok()) Fail(status);
 }
 
+void GrpcClientCall::OnSendQueueEmpty() {
+  if (visitor_ != nullptr) visitor_->OnSendQueueEmpty();
+}
+
 void GrpcClientCall::OnRemoteEnd() {
   if (!has_status_) {
     // What gRPC's "HTTP to gRPC Status Code Mapping" says of HTTP status 200.
@@ -87,6 +92,13 @@ void GrpcClientCall::OnClosed(Http2Error error) {
     return Done(
         absl::UnavailableError(absl::StrCat("the connection was lost before the answer came",
                                             failure.ok() ? "" : ": ", failure.message())));
+  }
+  // A server that ends the connection for an error, such as one client too many, wants no more.
+  const bool may_be_sent_again = error == Http2Error::kRefusedStream && !has_headers_ &&
+                                 !has_status_ && session_->failure().ok();
+  if (may_be_sent_again && visitor_ != nullptr && visitor_->OnUnprocessed()) {
+    visitor_ = nullptr;
+    return;
   }
   const auto number = static_cast<uint32_t>(error);
   Done(absl::Status(StatusFromRstStream(number),

@@ -8,6 +8,7 @@
 
 #include "absl/status/status.h"
 #include "absl/time/time.h"
+#include "core/net/block_pool.h"
 #include "core/net/byte_stream.h"
 #include "core/net/event_loop.h"
 #include "core/net/http2_connection.h"
@@ -33,15 +34,24 @@ struct GrpcClientOptions {
 // The client's side of one gRPC call, unary or streaming.
 //
 // Lives for as long as its HTTP/2 stream, which owns it. Whoever started it may use it until the
-// call ends, which happens in exactly one of two ways: its visitor is told OnDone(), or Cancel() is
-// called. RPC thread only.
-class GrpcClientCall : public Http2Session::Handler {
+// call ends, which happens in exactly one of two ways: its visitor is told OnDone() (or takes an
+// OnUnprocessed()), or Cancel() is called. RPC thread only.
+class GrpcClientCall final : public Http2Session::Handler, public Pooled {
  public:
   class Visitor {
    public:
     virtual ~Visitor() = default;
+    // The server has answered with its headers, and the call goes on. At most once, before any
+    // message.
+    virtual void OnHeaders() {}
+    // See Http2Session::Handler::OnSendQueueEmpty().
+    virtual void OnSendQueueEmpty() {}
     // One whole message, valid for the call.
     virtual void OnMessage(std::string_view message) = 0;
+    // Instead of OnDone: the server has not processed the call, which may be made again, on a new
+    // connection if this one comes to its end. False if the visitor does not do that; OnDone
+    // follows.
+    virtual bool OnUnprocessed() { return false; }
     // The server's status, or why there is none. The call is not to be used again.
     virtual void OnDone(const absl::Status& status) = 0;
   };
@@ -52,6 +62,8 @@ class GrpcClientCall : public Http2Session::Handler {
 
   // Sends one message, framed by FrameMessage(); the last one if `half_close`.
   void Send(std::string framed, bool half_close);
+  // What was sent and waits for the connection, or for the server to read.
+  std::size_t queued_bytes() const { return session_->QueuedBytes(stream_id_); }
   // Ends the call: the server is told, the visitor is not.
   void Cancel();
 
@@ -60,6 +72,7 @@ class GrpcClientCall : public Http2Session::Handler {
 
   void OnHeaders(const HeaderList& headers) override;
   void OnData(std::string_view chunk) override;
+  void OnSendQueueEmpty() override;
   void OnRemoteEnd() override;
   void OnClosed(Http2Error error) override;
 
@@ -75,6 +88,7 @@ class GrpcClientCall : public Http2Session::Handler {
   MessageReader reader_;
   absl::Status status_;  // From the server's trailers.
   bool has_status_ = false;
+  bool has_headers_ = false;
 };
 
 // The client's end of one connection, on which calls are made. Owns the byte stream. RPC thread

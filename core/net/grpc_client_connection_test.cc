@@ -134,6 +134,52 @@ TEST_F(GrpcClientCallTest, TheTimeoutIsToldToTheServer) {
   EXPECT_THAT(server_.events()[0], HasSubstr(" grpc-timeout="));
 }
 
+// Hears of a call's headers, and of an empty queue, besides the rest.
+class HeadersVisitor : public GrpcClientCall::Visitor {
+ public:
+  std::vector<std::string> events;
+
+ private:
+  void OnHeaders() override { events.push_back("headers"); }
+  void OnSendQueueEmpty() override { events.push_back("sent"); }
+  void OnMessage(std::string_view message) override { events.emplace_back(message); }
+  void OnDone(const absl::Status& status) override {
+    events.emplace_back(absl::StatusCodeToString(status.code()));
+  }
+};
+
+TEST_F(GrpcClientCallTest, HeadersOfTheServerAreToldOnce) {
+  HeadersVisitor visitor;
+  GrpcClientCall& call = *connection_->StartCall("/stream", absl::InfiniteDuration(), visitor);
+  call.Send(Framed("up"), /*half_close=*/false);
+  EXPECT_EQ(call.queued_bytes(), 7U);
+  Exchange();
+  EXPECT_EQ(call.queued_bytes(), 0U);
+  server_.Respond(1, {{":status", "103"}});
+  server_.Respond(1, kAnswer);
+  server_.Data(1, Framed("down"));
+  server_.Trailers(1, {{"grpc-status", "0"}});
+  Exchange();
+
+  EXPECT_THAT(visitor.events, Contains("sent"));
+  visitor.events.erase(std::remove(visitor.events.begin(), visitor.events.end(), "sent"),
+                       visitor.events.end());
+  EXPECT_THAT(visitor.events, ElementsAre("headers", "down", "OK"));
+}
+
+TEST_F(GrpcClientCallTest, CallThatFailsAtOnceHasNoHeaders) {
+  HeadersVisitor visitor;
+  connection_->StartCall("/stream", absl::InfiniteDuration(), visitor);
+  Exchange();
+  server_.Respond(1,
+                  {{":status", "200"}, {"content-type", "application/grpc"}, {"grpc-status", "5"}},
+                  /*end=*/true);
+  Exchange();
+
+  EXPECT_THAT(visitor.events, Not(Contains("headers")));
+  EXPECT_THAT(visitor.events, Contains("NOT_FOUND"));
+}
+
 TEST_F(GrpcClientCallTest, MessagesOfAStreamGoBothWaysWhileItLasts) {
   call_ = connection_->StartCall("/stream", absl::InfiniteDuration(), visitor_);
   Exchange();

@@ -1,6 +1,7 @@
 #include "core/net/grpc_server_connection.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "absl/container/inlined_vector.h"
@@ -11,9 +12,10 @@
 namespace varnic::net {
 namespace {
 
-constexpr HeaderField kStatusOk{":status", "200"};
-constexpr HeaderField kContentType{"content-type", "application/grpc"};
-constexpr HeaderField kAcceptEncoding{"grpc-accept-encoding", "identity"};
+using Fields = absl::InlinedVector<HeaderField, 5>;
+
+constexpr HeaderField kResponseFields[] = {
+    {":status", "200"}, {"content-type", "application/grpc"}, {"grpc-accept-encoding", "identity"}};
 
 // Many clients read no more than 8 KiB of header fields, and refuse the whole answer otherwise.
 constexpr std::size_t kMaxTrailerText = 6 << 10;
@@ -29,7 +31,7 @@ std::string EncodeText(std::string_view text, std::size_t limit) {
 }
 
 // Views into `metadata`.
-void AppendFields(const Metadata& metadata, absl::InlinedVector<HeaderField, 5>& fields) {
+void AppendFields(const Metadata& metadata, Fields& fields) {
   for (const Metadata::Entry& entry : metadata.entries()) {
     fields.push_back({entry.key, entry.value});
   }
@@ -48,6 +50,7 @@ GrpcServerCall::GrpcServerCall(GrpcServerConnection& connection, StreamId stream
     : connection_(connection),
       stream_id_(stream_id),
       observer_(connection.options_.observer),
+      began_(session().input_time()),
       reader_(connection.options_.max_message_bytes),
       unfinished_(connection.unfinished_) {}
 
@@ -61,9 +64,18 @@ const std::shared_ptr<const Peer>& GrpcServerCall::peer() const {
   return connection_.peer_;
 }
 
+std::shared_ptr<const Metadata> GrpcServerCall::RequestMetadata(const GrpcRequestHead& head) const {
+  return connection_.metadata_.Of(*head.headers);
+}
+
 void GrpcServerCall::SendHeaders(const Metadata& metadata) {
   if (finished_ || std::exchange(headers_sent_, true)) return;
-  absl::InlinedVector<HeaderField, 5> fields = {kStatusOk, kContentType, kAcceptEncoding};
+  if (metadata.empty()) {
+    session().SendHeaders(stream_id_, kResponseFields, /*end_stream=*/false,
+                          Http2Session::HeaderText::kConstant);
+    return;
+  }
+  Fields fields(std::begin(kResponseFields), std::end(kResponseFields));
   AppendFields(metadata, fields);
   session().SendHeaders(stream_id_, fields, /*end_stream=*/false);
 }
@@ -71,8 +83,11 @@ void GrpcServerCall::SendHeaders(const Metadata& metadata) {
 void GrpcServerCall::Send(std::string framed, std::shared_ptr<const std::string> shared) {
   if (finished_) return;
   SendHeaders();
-  session().SendData(stream_id_, std::move(framed), /*end_stream=*/false);
-  if (shared != nullptr) session().SendSharedData(stream_id_, std::move(shared));
+  if (shared == nullptr) {
+    session().SendData(stream_id_, std::move(framed), /*end_stream=*/false);
+  } else {
+    session().SendSharedData(stream_id_, std::move(framed), std::move(shared));
+  }
 }
 
 bool GrpcServerCall::HasRoom() const {
@@ -93,16 +108,18 @@ void GrpcServerCall::Finish(const absl::Status& status, const Metadata& metadata
   const std::string message =
       EncodeText(std::string_view(status.message().data(), status.message().size()),
                  kMaxTrailerText - std::min(metadata.size_bytes(), kMaxTrailerText));
-  absl::InlinedVector<HeaderField, 5> fields;
+  Fields fields;
   // Without a message before it, the status stands in the only header block.
-  if (!headers_sent_) fields = {kStatusOk, kContentType, kAcceptEncoding};
+  if (!headers_sent_) fields.assign(std::begin(kResponseFields), std::end(kResponseFields));
   fields.push_back({"grpc-status", FormatGrpcStatus(status.code())});
   if (!message.empty()) fields.push_back({"grpc-message", message});
   AppendFields(metadata, fields);
+  const auto text = message.empty() && metadata.empty() ? Http2Session::HeaderText::kConstant
+                                                        : Http2Session::HeaderText::kCallers;
   if (headers_sent_) {
-    session().SendTrailers(stream_id_, fields);
+    session().SendTrailers(stream_id_, fields, text);
   } else {
-    session().SendHeaders(stream_id_, fields, /*end_stream=*/true);
+    session().SendHeaders(stream_id_, fields, /*end_stream=*/true, text);
   }
 }
 

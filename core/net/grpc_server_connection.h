@@ -9,6 +9,7 @@
 
 #include "absl/status/status.h"
 #include "absl/time/time.h"
+#include "core/net/block_pool.h"
 #include "core/net/byte_stream.h"
 #include "core/net/edge/connection_limits.h"
 #include "core/net/edge/edge_counters.h"
@@ -55,7 +56,7 @@ struct GrpcServerOptions {
 // Lives for as long as its HTTP/2 stream, which owns it. Its visitor may use it from OnCall() until
 // the call ends, which happens in exactly one of two ways: the visitor calls Finish(), or it is
 // told OnCancelled(). RPC thread only.
-class GrpcServerCall : public Http2Session::Handler {
+class GrpcServerCall final : public Http2Session::Handler, public Pooled {
  public:
   class Visitor {
    public:
@@ -84,6 +85,10 @@ class GrpcServerCall : public Http2Session::Handler {
 
   // From now on `observer`, instead of an earlier one, is to hear of the end.
   void Observe(CallObserver& observer) { observer_ = &observer; }
+
+  // What the client says besides its request; inside OnCall() alone. May be kept for longer than
+  // the call.
+  std::shared_ptr<const Metadata> RequestMetadata(const GrpcRequestHead& head) const;
 
   // Who calls. May be kept for longer than the call.
   const std::shared_ptr<const Peer>& peer() const;
@@ -129,7 +134,7 @@ class GrpcServerCall : public Http2Session::Handler {
   const StreamId stream_id_;
   Visitor* visitor_ = nullptr;  // Null before Accept(), and once the call has ended.
   CallObserver* observer_;      // Null once it has heard of the end.
-  const LoopClock::time_point began_ = LoopClock::now();
+  const LoopClock::time_point began_;
   absl::Time deadline_ = absl::InfiniteFuture();
   MessageReader reader_;
   UnfinishedMessages::Share unfinished_;  // What the reader has.
@@ -183,6 +188,7 @@ class GrpcServerConnection : private Http2Connection::Visitor {
   Visitor& visitor_;
   const std::shared_ptr<const Peer> peer_;
   UnfinishedMessages unfinished_;
+  MetadataMemo metadata_;
   Http2Connection http2_;  // Last: calls into the rest.
 };
 

@@ -1,22 +1,21 @@
 #include "core/net/header_list.h"
 
+#include <algorithm>
+
 namespace varnic::net {
 
 void HeaderList::Add(std::string_view name, std::string_view value) {
-  fields_.push_back({text_.size(), name.size(), value.size()});
-  text_.append(name).append(value);
+  const std::size_t end = text_size_ + name.size() + value.size();
+  if (end > text_.size()) text_.resize(std::max(end, 2 * text_.size()));
+  const auto begin = text_.begin() + static_cast<std::ptrdiff_t>(text_size_);
+  std::copy(value.begin(), value.end(), std::copy(name.begin(), name.end(), begin));
+  fields_.push_back({text_size_, name.size(), value.size()});
+  text_size_ = end;
 }
 
 void HeaderList::Clear() {
-  text_.clear();
+  text_size_ = 0;
   fields_.clear();
-}
-
-HeaderField HeaderList::operator[](std::size_t i) const {
-  const Extent& extent = fields_[i];
-  const std::string_view text(text_);
-  return {text.substr(extent.offset, extent.name_size),
-          text.substr(extent.offset + extent.name_size, extent.value_size)};
 }
 
 std::string_view HeaderList::Find(std::string_view name) const {

@@ -22,7 +22,11 @@ class HeaderList {
   void Clear();
 
   std::size_t size() const { return fields_.size(); }
-  HeaderField operator[](std::size_t i) const;
+  HeaderField operator[](std::size_t i) const {
+    const Extent& extent = fields_[i];
+    const char* name = text_.data() + extent.offset;
+    return {{name, extent.name_size}, {name + extent.name_size, extent.value_size}};
+  }
 
   // The value of the first field of that name; a view with a null data() if there is none.
   std::string_view Find(std::string_view name) const;
@@ -34,7 +38,8 @@ class HeaderList {
     std::size_t value_size;
   };
 
-  std::string text_;
+  std::vector<char> text_;  // What is behind `text_size_` is not used yet.
+  std::size_t text_size_ = 0;
   std::vector<Extent> fields_;
 };
 

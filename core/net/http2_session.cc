@@ -11,9 +11,10 @@
 #include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "core/common/rpc/fatal.h"
-#include "core/net/edge/frame_guard.h"
+#include "core/net/block_pool.h"
+#include "core/net/client_frames.h"
+#include "core/net/http2_memory.h"
 #include "core/net/loop_clock.h"
-#include "core/net/protocol_guard.h"
 #include "core/net/send_buffer.h"
 
 namespace varnic::net {
@@ -25,13 +26,17 @@ constexpr std::size_t kHeaderOverhead = 32;
 // A header block so many times larger than it may be is not even counted to its end.
 constexpr std::size_t kHopelesslyLarge = 4;
 
-// nghttp2 copies names and values, so views are enough.
+// nghttp2 copies names and values that are not constant, so views are enough.
 class NameValues {
  public:
-  explicit NameValues(absl::Span<const HeaderField> headers) {
+  NameValues(absl::Span<const HeaderField> headers, Http2Session::HeaderText text) {
+    const auto flags =
+        static_cast<uint8_t>(text == Http2Session::HeaderText::kConstant
+                                 ? NGHTTP2_NV_FLAG_NO_COPY_NAME | NGHTTP2_NV_FLAG_NO_COPY_VALUE
+                                 : NGHTTP2_NV_FLAG_NONE);
     for (const HeaderField& header : headers) {
       fields_.push_back({Bytes(header.name), Bytes(header.value), header.name.size(),
-                         header.value.size(), NGHTTP2_NV_FLAG_NONE});
+                         header.value.size(), flags});
     }
   }
 
@@ -44,6 +49,36 @@ class NameValues {
   }
 
   absl::InlinedVector<nghttp2_nv, 16> fields_;
+};
+
+// The trailers of a stream, until what stands before them is sent.
+class Trailers {
+ public:
+  void Set(absl::Span<const HeaderField> fields, Http2Session::HeaderText text) {
+    text_ = text;
+    fields_.assign(fields.begin(), fields.end());
+    if (text == Http2Session::HeaderText::kCallers) CopyText();
+  }
+
+  bool empty() const { return fields_.empty(); }
+  NameValues name_values() const { return NameValues(fields_, text_); }
+
+ private:
+  void CopyText() {
+    std::size_t size = 0;
+    for (const HeaderField& field : fields_) size += field.name.size() + field.value.size();
+    copy_.reserve(size);  // Views into it stay valid.
+    for (HeaderField& field : fields_) field = {Copy(field.name), Copy(field.value)};
+  }
+  std::string_view Copy(std::string_view text) {
+    const std::size_t begin = copy_.size();
+    copy_.append(text);
+    return std::string_view(copy_).substr(begin);
+  }
+
+  absl::InlinedVector<HeaderField, 1> fields_;
+  Http2Session::HeaderText text_ = Http2Session::HeaderText::kCallers;
+  std::string copy_;
 };
 
 // What nghttp2 reports here is either our own bug or a lack of memory.
@@ -95,7 +130,15 @@ bool IsForStream(const nghttp2_frame& frame) {
 
 }  // namespace
 
-struct Http2Session::Stream {
+// What nghttp2 does about the queue of a stream.
+enum class Reading {
+  kNone,      // Nothing, until data is submitted.
+  kActive,    // It asks for data as soon as it can send some.
+  kDeferred,  // It has asked in vain, and waits to be told of more.
+  kLeaving,   // It has all there was, and does nothing more once that is sent.
+};
+
+struct Http2Session::Stream : Pooled {
   std::unique_ptr<Handler> handler;
   SendBuffer queue;
   std::uint64_t sent = 0;  // Bytes that stood in the queue.
@@ -104,7 +147,8 @@ struct Http2Session::Stream {
   bool remote_ended = false;
   bool reset_here = false;  // For reasons of this end's own.
   bool too_large = false;   // The last header block of the peer was, and was answered.
-  std::vector<std::pair<std::string, std::string>> trailers;
+  Reading reading = Reading::kNone;
+  Trailers trailers;
 };
 
 struct Http2Session::Callbacks {
@@ -116,7 +160,7 @@ struct Http2Session::Callbacks {
     self.incoming_.Clear();
     self.incoming_bytes_ = 0;
     if (frame->headers.cat == NGHTTP2_HCAT_REQUEST) {
-      self.streams_[frame->hd.stream_id] = std::make_unique<Stream>();
+      self.Add(frame->hd.stream_id, std::make_unique<Stream>());
       self.last_opened_ = frame->hd.stream_id;
       ++self.activity_.streams_opened;
     }
@@ -164,7 +208,10 @@ struct Http2Session::Callbacks {
       return 0;
     }
     const bool acknowledges = (frame->hd.flags & NGHTTP2_FLAG_ACK) != 0;
-    if (frame->hd.type == NGHTTP2_SETTINGS && !acknowledges) self.activity_.greeted = true;
+    if (frame->hd.type == NGHTTP2_SETTINGS && !acknowledges) {
+      self.activity_.greeted = true;
+      self.SubmitWaiting();
+    }
     if (frame->hd.type == NGHTTP2_PING && !acknowledges) self.visitor_.OnPing();
     Stream* stream = self.Find(frame->hd.stream_id);
     if (stream == nullptr) return 0;
@@ -188,7 +235,8 @@ struct Http2Session::Callbacks {
       OnErrorSent(self, frame->goaway);
     }
     if (IsForStream(*frame)) ++self.activity_.stream_frames_sent;
-    if (self.guard_ != nullptr) TellGuard(self, *frame);
+    if (self.guards_ != nullptr) TellGuard(self, *frame);
+    if (frame->hd.type == NGHTTP2_DATA) OnDataSent(self, frame->hd.stream_id);
     if (!EndsStream(*frame)) return 0;
     Stream* stream = self.Find(frame->hd.stream_id);
     if (stream == nullptr) return 0;
@@ -197,6 +245,14 @@ struct Http2Session::Callbacks {
       SubmitReset(session, frame->hd.stream_id, Http2Error::kNoError);
     }
     return 0;
+  }
+
+  // More may have come while the last piece was on its way.
+  static void OnDataSent(Http2Session& self, StreamId stream_id) {
+    Stream* stream = self.Find(stream_id);
+    if (stream == nullptr || stream->reading != Reading::kLeaving) return;
+    stream->reading = Reading::kNone;
+    if (!stream->queue.empty() || stream->end_after_queue) self.SendWaiting(stream_id, *stream);
   }
 
   // The session itself has found a fault, or a rule was broken.
@@ -213,14 +269,14 @@ struct Http2Session::Callbacks {
   static void TellGuard(Http2Session& self, const nghttp2_frame& frame) {
     const Stream* stream = self.Find(frame.hd.stream_id);
     if (frame.hd.type == NGHTTP2_DATA) {
-      self.guard_->OnDataSent();
+      self.guards_->floods().OnDataSent();
     } else if (frame.hd.type == NGHTTP2_RST_STREAM) {
       const bool wanted = frame.rst_stream.error_code == NGHTTP2_NO_ERROR ||
                           (stream != nullptr && stream->reset_here);
-      self.EndIfBroken(self.guard_->OnResetSent(/*for_fault=*/!wanted, LoopClock::now()));
+      self.EndIfBroken(self.guards_->floods().OnResetSent(/*for_fault=*/!wanted, LoopClock::now()));
     }
     if (EndsStream(frame) && stream != nullptr && stream->too_large) {
-      self.EndIfBroken(self.guard_->OnFault(LoopClock::now()));
+      self.EndIfBroken(self.guards_->floods().OnFault(LoopClock::now()));
     }
   }
 
@@ -256,22 +312,21 @@ struct Http2Session::Callbacks {
       stream.handler->OnSendQueueEmpty();
     }
     if (!stream.queue.empty()) return static_cast<ssize_t>(taken);
-    if (stream.end_after_queue) {
-      *flags |= NGHTTP2_DATA_FLAG_EOF;
-      SubmitTrailers(session, stream_id, stream, *flags);
-    } else if (taken == 0) {
+    if (taken == 0 && !stream.end_after_queue) {
+      stream.reading = Reading::kDeferred;
       return NGHTTP2_ERR_DEFERRED;
     }
+    // That nghttp2 asks again, in vain, would cost as much as the frame.
+    stream.reading = Reading::kLeaving;
+    *flags |= NGHTTP2_DATA_FLAG_EOF;
+    const bool ends_here = std::exchange(stream.end_after_queue, false);
+    if (!ends_here || !stream.trailers.empty()) *flags |= NGHTTP2_DATA_FLAG_NO_END_STREAM;
+    if (ends_here && !stream.trailers.empty()) SubmitTrailers(session, stream_id, stream);
     return static_cast<ssize_t>(taken);
   }
 
-  static void SubmitTrailers(nghttp2_session* session, StreamId stream_id, const Stream& stream,
-                             uint32_t& flags) {
-    if (stream.trailers.empty()) return;
-    absl::InlinedVector<HeaderField, 4> fields;
-    for (const auto& [name, value] : stream.trailers) fields.push_back({name, value});
-    const NameValues trailers(fields);
-    flags |= NGHTTP2_DATA_FLAG_NO_END_STREAM;
+  static void SubmitTrailers(nghttp2_session* session, StreamId stream_id, const Stream& stream) {
+    const NameValues trailers = stream.trailers.name_values();
     CheckOk(nghttp2_submit_trailer(session, stream_id, trailers.data(), trailers.size()));
   }
 
@@ -295,9 +350,8 @@ void Http2Session::SessionDeleter::operator()(nghttp2_session* session) const {
 Http2Session::Http2Session(Role role, const Http2Options& options, Visitor& visitor)
     : role_(role), options_(options), visitor_(visitor) {
   if (role == Role::kServer) {
-    protocol_guard_ = std::make_unique<ProtocolGuard>();
-    guard_ = std::make_unique<FrameGuard>(options.floods, options.max_concurrent_streams,
-                                          options.edge_counters);
+    guards_ = std::make_unique<ClientFrames>(options.floods, options.max_concurrent_streams,
+                                             options.edge_counters);
   }
   nghttp2_session_callbacks* callbacks;
   CheckOk(nghttp2_session_callbacks_new(&callbacks));
@@ -316,10 +370,11 @@ Http2Session::Http2Session(Role role, const Http2Options& options, Visitor& visi
   nghttp2_option_set_peer_max_concurrent_streams(nghttp2_options, 1);
   if (role == Role::kServer) SetFloodLimits(options.floods, nghttp2_options);
 
+  nghttp2_mem memory = Http2Memory();
   nghttp2_session* session;
   CheckOk(role == Role::kServer
-              ? nghttp2_session_server_new2(&session, callbacks, this, nghttp2_options)
-              : nghttp2_session_client_new2(&session, callbacks, this, nghttp2_options));
+              ? nghttp2_session_server_new3(&session, callbacks, this, nghttp2_options, &memory)
+              : nghttp2_session_client_new3(&session, callbacks, this, nghttp2_options, &memory));
   session_.reset(session);
   nghttp2_option_del(nghttp2_options);
   nghttp2_session_callbacks_del(callbacks);
@@ -350,15 +405,17 @@ Http2Session::~Http2Session() = default;
 
 absl::Status Http2Session::ProcessBytes(std::string_view bytes) {
   if (closed_) return absl::UnavailableError("the connection is closed");
-  if (guard_ != nullptr && !broken_rule_.has_value()) {
-    EndIfBroken(guard_->OnBytes(bytes, LoopClock::now(),
-                                [this](StreamId stream_id) { return IsAnswered(stream_id); }));
-  }
   if (broken_rule_.has_value()) return absl::OkStatus();
-  if (protocol_guard_ == nullptr) return Receive(bytes);
-  const auto [sound_bytes, fault] = protocol_guard_->Inspect(bytes);
-  const absl::Status status = Receive(bytes.substr(0, sound_bytes));
-  return status.ok() && fault.has_value() ? EndForFault(*fault) : status;
+  if (guards_ == nullptr) return Receive(bytes);
+  input_time_ = LoopClock::now();
+  const ClientFrames::Findings findings = guards_->Inspect(
+      bytes, input_time_, [this](StreamId stream_id) { return IsAnswered(stream_id); });
+  if (findings.broken_rule.has_value()) {
+    EndFor(*findings.broken_rule);
+    return absl::OkStatus();
+  }
+  const absl::Status status = Receive(bytes.substr(0, findings.sound_bytes));
+  return status.ok() && findings.fault.has_value() ? EndForFault(*findings.fault) : status;
 }
 
 absl::Status Http2Session::EndForFault(ProtocolFault fault) {
@@ -390,8 +447,8 @@ void Http2Session::TakeOutput(std::size_t limit, std::string& output) {
 }
 
 void Http2Session::OnOutputStuck() {
-  if (guard_ == nullptr || closed_) return;
-  EndIfBroken(guard_->OnWaiting(nghttp2_session_get_outbound_queue_size(session_.get())));
+  if (guards_ == nullptr || closed_) return;
+  EndIfBroken(guards_->floods().OnWaiting(nghttp2_session_get_outbound_queue_size(session_.get())));
 }
 
 void Http2Session::EndFor(EdgeRule rule) {
@@ -419,26 +476,61 @@ StreamId Http2Session::OpenStream(absl::Span<const HeaderField> headers,
   if (closed_ || nghttp2_session_check_request_allowed(session_.get()) == 0) return -1;
   auto stream = std::make_unique<Stream>();
   stream->handler = std::move(handler);
-  const NameValues fields(headers);
-  const nghttp2_data_provider provider = Callbacks::Provider(*stream);
-  const StreamId stream_id = nghttp2_submit_request(session_.get(), /*pri_spec=*/nullptr,
-                                                    fields.data(), fields.size(), &provider,
-                                                    /*stream_user_data=*/nullptr);
-  if (stream_id < 0) return -1;
-  streams_[stream_id] = std::move(stream);
+  if (next_id_ > std::numeric_limits<StreamId>::max() - 2) return -1;
+  const StreamId stream_id = std::exchange(next_id_, next_id_ + 2);
+  stream->reading = Reading::kActive;
+  const bool waits = !waiting_.empty() || !HasSlot();
+  Stream& opened = Add(stream_id, std::move(stream));
   ++activity_.streams_opened;
-  AnnounceOutput();
+  if (!waits) {
+    SubmitRequest(stream_id, opened, headers);
+    return stream_id;
+  }
+  HeaderList& request = waiting_[stream_id];
+  for (const HeaderField& header : headers) request.Add(header.name, header.value);
   return stream_id;
 }
 
+// Whether the peer takes one more stream now.
+bool Http2Session::HasSlot() const {
+  return streams_.size() - waiting_.size() <
+         nghttp2_session_get_remote_settings(session_.get(),
+                                             NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS);
+}
+
+void Http2Session::SubmitRequest(StreamId stream_id, Stream& stream,
+                                 absl::Span<const HeaderField> headers) {
+  const NameValues fields(headers, HeaderText::kCallers);
+  // With the data: it cannot be submitted later to a request that has not been sent.
+  const nghttp2_data_provider provider = Callbacks::Provider(stream);
+  // Ids of requests that were never sent are left out.
+  CheckOk(nghttp2_session_set_next_stream_id(session_.get(), stream_id));
+  const StreamId submitted = nghttp2_submit_request(session_.get(), /*pri_spec=*/nullptr,
+                                                    fields.data(), fields.size(), &provider,
+                                                    /*stream_user_data=*/nullptr);
+  VARNIC_CHECK(submitted == stream_id);
+  AnnounceOutput();
+}
+
+void Http2Session::SubmitWaiting() {
+  while (!closed_ && !waiting_.empty() && HasSlot() &&
+         nghttp2_session_check_request_allowed(session_.get()) != 0) {
+    const auto next = waiting_.extract(waiting_.begin());
+    absl::InlinedVector<HeaderField, 16> headers;
+    for (std::size_t i = 0; i < next.mapped().size(); ++i) headers.push_back(next.mapped()[i]);
+    SubmitRequest(next.key(), *streams_.at(next.key()), headers);
+  }
+}
+
 void Http2Session::SendHeaders(StreamId stream_id, absl::Span<const HeaderField> headers,
-                               bool end_stream) {
+                               bool end_stream, HeaderText text) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
-  const NameValues fields(headers);
-  const nghttp2_data_provider provider = Callbacks::Provider(*stream);
-  CheckOk(nghttp2_submit_response(session_.get(), stream_id, fields.data(), fields.size(),
-                                  end_stream ? nullptr : &provider));
+  const NameValues fields(headers, text);
+  const int result = nghttp2_submit_headers(
+      session_.get(), end_stream ? NGHTTP2_FLAG_END_STREAM : NGHTTP2_FLAG_NONE, stream_id,
+      /*pri_spec=*/nullptr, fields.data(), fields.size(), /*stream_user_data=*/nullptr);
+  CheckOk(result);
   AnnounceOutput();
 }
 
@@ -448,15 +540,17 @@ void Http2Session::SendData(StreamId stream_id, std::string bytes, bool end_stre
   activity_.bytes_queued += bytes.size();
   stream->queue.Append(std::move(bytes));
   stream->end_after_queue = end_stream;
-  ResumeData(stream_id);
+  SendWaiting(stream_id, *stream);
 }
 
-void Http2Session::SendSharedData(StreamId stream_id, std::shared_ptr<const std::string> bytes) {
+void Http2Session::SendSharedData(StreamId stream_id, std::string head,
+                                  std::shared_ptr<const std::string> bytes) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
-  activity_.bytes_queued += bytes->size();
+  activity_.bytes_queued += head.size() + bytes->size();
+  stream->queue.Append(std::move(head));
   stream->queue.AppendShared(std::move(bytes));
-  ResumeData(stream_id);
+  SendWaiting(stream_id, *stream);
 }
 
 std::size_t Http2Session::QueuedBytes(StreamId stream_id) const {
@@ -464,20 +558,23 @@ std::size_t Http2Session::QueuedBytes(StreamId stream_id) const {
   return stream == nullptr ? 0 : stream->queue.bytes();
 }
 
-void Http2Session::SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers) {
+void Http2Session::SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers,
+                                HeaderText text) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
-  for (const HeaderField& header : headers) {
-    stream->trailers.emplace_back(header.name, header.value);
+  stream->trailers.Set(headers, text);
+  if (stream->reading == Reading::kNone) {
+    Callbacks::SubmitTrailers(session_.get(), stream_id, *stream);
+    return AnnounceOutput();
   }
   stream->end_after_queue = true;
-  ResumeData(stream_id);
+  SendWaiting(stream_id, *stream);
 }
 
 void Http2Session::Reset(StreamId stream_id, Http2Error error) {
   Stream* stream = Find(stream_id);
   if (stream == nullptr) return;
-  // A request that waits for its turn is forgotten only then; what it would have sent, now.
+  if (waiting_.count(stream_id) > 0) return Close(stream_id, error);
   activity_.bytes_queued -= stream->queue.bytes();
   stream->queue = SendBuffer();
   stream->end_after_queue = false;
@@ -528,8 +625,18 @@ void Http2Session::CloseAllStreams() {
 }
 
 Http2Session::Stream* Http2Session::Find(StreamId stream_id) const {
+  if (stream_id == found_id_) return found_;
   const auto found = streams_.find(stream_id);
-  return found == streams_.end() ? nullptr : found->second.get();
+  if (found == streams_.end()) return nullptr;
+  found_id_ = stream_id;
+  return found_ = found->second.get();
+}
+
+Http2Session::Stream& Http2Session::Add(StreamId stream_id, std::unique_ptr<Stream> stream) {
+  found_id_ = stream_id;
+  found_ = stream.get();
+  streams_[stream_id] = std::move(stream);
+  return *found_;
 }
 
 void Http2Session::OnHeaderBlock(StreamId stream_id, Stream& stream) {
@@ -574,11 +681,21 @@ void Http2Session::OnGoaway(StreamId last_processed) {
   for (const StreamId stream_id : unprocessed) Close(stream_id, Http2Error::kRefusedStream);
 }
 
-// Not an error while the stream's headers are still queued, or when data is on its way already.
-void Http2Session::ResumeData(StreamId stream_id) {
-  const int result = nghttp2_session_resume_data(session_.get(), stream_id);
-  VARNIC_CHECK(result == 0 || result == NGHTTP2_ERR_INVALID_ARGUMENT);
+void Http2Session::SendWaiting(StreamId stream_id, Stream& stream) {
   AnnounceOutput();
+  int result = 0;
+  if (stream.reading == Reading::kDeferred) {
+    result = nghttp2_session_resume_data(session_.get(), stream_id);
+  } else if (stream.reading == Reading::kNone) {
+    const nghttp2_data_provider provider = Callbacks::Provider(stream);
+    result = nghttp2_submit_data(session_.get(), NGHTTP2_FLAG_END_STREAM, stream_id, &provider);
+  } else {
+    return;
+  }
+  stream.reading = Reading::kActive;
+  // Not an error when the stream is being reset.
+  VARNIC_CHECK(result == 0 || result == NGHTTP2_ERR_INVALID_ARGUMENT ||
+               result == NGHTTP2_ERR_STREAM_CLOSED);
 }
 
 void Http2Session::Close(StreamId stream_id, Http2Error error) {
@@ -586,8 +703,12 @@ void Http2Session::Close(StreamId stream_id, Http2Error error) {
   if (found == streams_.end()) return;
   const std::unique_ptr<Stream> stream = std::move(found->second);
   streams_.erase(found);
+  waiting_.erase(stream_id);
+  found_id_ = 0;
+  found_ = nullptr;
   activity_.bytes_queued -= stream->queue.bytes();
   if (stream->handler != nullptr) stream->handler->OnClosed(error);
+  SubmitWaiting();
 }
 
 void Http2Session::CountSent(Stream& stream, std::size_t bytes) {

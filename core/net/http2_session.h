@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,13 +16,13 @@
 #include "core/net/edge/flood_limits.h"
 #include "core/net/edge/stall_watch.h"
 #include "core/net/header_list.h"
+#include "core/net/loop_clock.h"
 
 struct nghttp2_session;
 
 namespace varnic::net {
 
-class FrameGuard;
-class ProtocolGuard;
+class ClientFrames;
 enum class ProtocolFault;
 
 using StreamId = int32_t;
@@ -60,8 +61,8 @@ struct Http2Options {
 // timer; a test drives it with strings.
 //
 // RPC thread only. Opening, sending and resetting are fine inside any visitor or handler call, and
-// call nobody back but for OnOutputPending; processing bytes, taking output and destroying the
-// session there are not.
+// call nobody back but for OnOutputPending, and for what Reset() says; processing bytes, taking
+// output and destroying the session there are not.
 class Http2Session {
  public:
   enum class Role { kServer, kClient };
@@ -143,23 +144,32 @@ class Http2Session {
   // Why the connection ends, if not because both ends want it: one of them has broken the protocol.
   const absl::Status& failure() const { return failure_; }
 
-  // A client's: opens a stream with the request's header block. Negative if the session has no more
+  // A client's: opens a stream with the request's header block, which waits for its turn here while
+  // the peer takes no more streams. Negative if the session has no more
   // stream ids, or takes no new streams; the handler is then destroyed at once.
   [[nodiscard]] StreamId OpenStream(absl::Span<const HeaderField> headers,
                                     std::unique_ptr<Handler> handler);
 
+  // Where the text of header fields stays: with the caller, so that it has to be copied, or where
+  // it is for the program's life.
+  enum class HeaderText { kCallers, kConstant };
+
   // A server's: sends the response's header block, and no more if `end_stream`.
-  void SendHeaders(StreamId stream_id, absl::Span<const HeaderField> headers, bool end_stream);
+  void SendHeaders(StreamId stream_id, absl::Span<const HeaderField> headers, bool end_stream,
+                   HeaderText text = HeaderText::kCallers);
 
   // The rest belongs to both. What is sent on a stream that is already gone, as it may be after a
   // reset by the peer, is dropped.
   void SendData(StreamId stream_id, std::string bytes, bool end_stream);
-  // The same for bytes that go out on many streams, which all keep the same ones.
-  void SendSharedData(StreamId stream_id, std::shared_ptr<const std::string> bytes);
+  // The same, with bytes behind it that go out on many streams, which all keep the same ones.
+  void SendSharedData(StreamId stream_id, std::string head,
+                      std::shared_ptr<const std::string> bytes);
   // What was sent on a stream and waits for the connection, or for the peer's window.
   std::size_t QueuedBytes(StreamId stream_id) const;
   // Ends the stream behind what was sent, with a trailing header block.
-  void SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers);
+  void SendTrailers(StreamId stream_id, absl::Span<const HeaderField> headers,
+                    HeaderText text = HeaderText::kCallers);
+  // OnClosed follows; inside, if the request waits for its turn: nothing is left of it then.
   void Reset(StreamId stream_id, Http2Error error);
   // Resets a stream of which the peer reads nothing, with kEnhanceYourCalm.
   void ResetStalled(StreamId stream_id);
@@ -169,6 +179,8 @@ class Http2Session {
   void SendPing();
 
   const Activity& activity() const { return activity_; }
+  // A server's: when the bytes that were processed last had come.
+  LoopClock::time_point input_time() const { return input_time_; }
   // What waits in the queues of streams, and for which windows. Takes time for each open stream.
   WaitingOutput FindWaitingOutput() const;
 
@@ -185,14 +197,20 @@ class Http2Session {
 
   void Greet();
   Stream* Find(StreamId stream_id) const;
+  Stream& Add(StreamId stream_id, std::unique_ptr<Stream> stream);
   absl::Status Receive(std::string_view bytes);
   absl::Status EndForFault(ProtocolFault fault);
   void OnHeaderBlock(StreamId stream_id, Stream& stream);
   void OnLargeHeaderBlock(StreamId stream_id, Stream& stream);
   bool IsAnswered(StreamId stream_id) const;
+  bool HasSlot() const;
+  void SubmitRequest(StreamId stream_id, Stream& stream, absl::Span<const HeaderField> headers);
+  // The requests for which the peer has room by now.
+  void SubmitWaiting();
   void EndIfBroken(std::optional<EdgeRule> rule);
   void OnGoaway(StreamId last_processed);
-  void ResumeData(StreamId stream_id);
+  // Has nghttp2 ask for what waits in the stream's queue.
+  void SendWaiting(StreamId stream_id, Stream& stream);
   void Close(StreamId stream_id, Http2Error error);
   void CountSent(Stream& stream, std::size_t bytes);
   void AnnounceOutput();
@@ -204,15 +222,21 @@ class Http2Session {
   bool closed_ = false;
   absl::Status failure_;
   std::optional<EdgeRule> broken_rule_;
-  bool told_rule_ = false;             // The GOAWAY that names the rule is taken.
-  std::unique_ptr<FrameGuard> guard_;  // A server's.
-  StreamId last_opened_ = 0;           // By the peer.
-  // A server's.
-  std::unique_ptr<ProtocolGuard> protocol_guard_;
+  bool told_rule_ = false;                // The GOAWAY that names the rule is taken.
+  std::unique_ptr<ClientFrames> guards_;  // A server's.
+  StreamId last_opened_ = 0;              // By the peer.
   Activity activity_;
   std::size_t incoming_bytes_ = 0;
   HeaderList incoming_;  // Header blocks never interleave (RFC 9113, section 4.3), so one will do.
+  LoopClock::time_point input_time_;
   absl::flat_hash_map<StreamId, std::unique_ptr<Stream>> streams_;
+  // A client's: the headers of those that wait for their turn. nghttp2 would keep what it was given
+  // until then, even if it is reset.
+  std::map<StreamId, HeaderList> waiting_;
+  StreamId next_id_ = 1;  // A client's.
+  // One of `streams_`: what was found last is mostly what is looked for next.
+  mutable StreamId found_id_ = 0;
+  mutable Stream* found_ = nullptr;
   std::unique_ptr<nghttp2_session, SessionDeleter> session_;  // Last: calls into the rest.
 };
 

@@ -232,6 +232,41 @@ TEST_F(Http2SessionTest, OutputIsTakenInPiecesNotMuchLargerThanTheLimit) {
   EXPECT_EQ(server_.events().back(), "end 1");
 }
 
+// Piece by piece, so that each frame is taken and the session has not heard yet that it is sent.
+TEST_F(Http2SessionTest, WhatComesWhileTheLastPieceIsTakenIsSentBehindIt) {
+  const StreamId id = client_.Open();
+  client_->SendData(id, "question", /*end_stream=*/true);
+  Exchange();
+  std::string output;
+  server_->SendHeaders(id, {{":status", "200"}}, /*end_stream=*/false);
+  server_->TakeOutput(/*limit=*/1, output);
+
+  for (const char* piece : {"a", "b", "c"}) {
+    server_->SendData(id, piece, /*end_stream=*/false);
+    server_->TakeOutput(output.size() + 1, output);
+  }
+  server_->SendTrailers(id, {{"grpc-status", "0"}});
+  Feed(client_, output, kEverything);
+  Exchange();
+
+  EXPECT_THAT(client_.events(), ElementsAre("headers 1 :status=200", "data 1 abc",
+                                            "headers 1 grpc-status=0", "end 1", "closed 1 0"));
+  EXPECT_EQ(server_->activity().bytes_queued, 0u);
+}
+
+TEST_F(Http2SessionTest, TrailersOfAStreamWithNothingToSendFollowItsHeadersAtOnce) {
+  const StreamId id = client_.Open();
+  client_->SendData(id, "question", /*end_stream=*/true);
+  Exchange();
+
+  server_->SendHeaders(id, {{":status", "200"}}, /*end_stream=*/false);
+  server_->SendTrailers(id, {{"grpc-status", "0"}});
+  Exchange();
+
+  EXPECT_THAT(client_.events(), ElementsAre("headers 1 :status=200", "headers 1 grpc-status=0",
+                                            "end 1", "closed 1 0"));
+}
+
 TEST_F(Http2SessionTest, OutputIsAnnouncedOnceUntilItWasTaken) {
   Exchange();
   const int before = client_.announcements();
@@ -427,6 +462,39 @@ TEST_F(Http2SessionTest, StreamsBeyondTheServersLimitWaitForTheirTurn) {
   Feed(server, client_.Take(), kEverything);
 
   EXPECT_EQ(server.events().back(), "headers 3 :method=POST :path=/second");
+}
+
+TEST_F(Http2SessionTest, ARequestResetWhileItWaitsForItsTurnLeavesNothingBehind) {
+  client_.Open("/first");  // In the one place that there is before the server's settings come.
+  client_.Take();
+  const StreamId second = client_.Open("/second");
+  client_->SendData(second, "question", /*end_stream=*/true);
+  client_.Open("/third");
+
+  client_->Reset(second, Http2Error::kCancel);
+
+  EXPECT_THAT(client_.events(), ElementsAre("closed 3 8"));
+  EXPECT_EQ(client_.handlers(), 2);
+  EXPECT_EQ(client_.Take(), "");
+}
+
+TEST_F(Http2SessionTest, RequestsThatWaitAreSentInTheirOrderWithoutThoseThatWereReset) {
+  client_.Open("/first");
+  const StreamId second = client_.Open("/second");
+  const StreamId third = client_.Open("/third");
+  const StreamId fourth = client_.Open("/fourth");
+  client_->SendData(third, "question", /*end_stream=*/true);
+  client_->Reset(second, Http2Error::kCancel);
+  client_->Reset(fourth, Http2Error::kCancel);
+
+  Exchange();
+  client_.Open("/fifth");
+  Exchange();
+
+  EXPECT_THAT(
+      server_.events(),
+      ElementsAre("headers 1 :method=POST :path=/first", "headers 5 :method=POST :path=/third",
+                  "data 5 question", "end 5", "headers 9 :method=POST :path=/fifth"));
 }
 
 TEST_F(Http2SessionTest, AServersGoawayLetsOpenStreamsFinish) {

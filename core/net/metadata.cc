@@ -21,9 +21,17 @@ constexpr std::string_view kReserved[] = {
     "connection", "content-length", "content-type",      "host",    "keep-alive",
     "te",         "trailer",        "transfer-encoding", "upgrade", "proxy-connection"};
 
+// What one connection may keep for the requests to come.
+constexpr std::size_t kMaxKeptBytes = 1 << 10;
+
 bool IsReserved(std::string_view key) {
   return key.substr(0, kGrpcPrefix.size()) == kGrpcPrefix ||
          std::find(std::begin(kReserved), std::end(kReserved), key) != std::end(kReserved);
+}
+
+// Of a request's fields: one that is neither HTTP's nor gRPC's.
+bool IsCustom(std::string_view name) {
+  return !name.empty() && name.front() != ':' && !IsReserved(name);
 }
 
 bool IsBinary(std::string_view key) {
@@ -58,10 +66,21 @@ Metadata Metadata::FromHeaders(const HeaderList& headers) {
   Metadata metadata;
   for (std::size_t i = 0; i < headers.size(); ++i) {
     const auto [name, value] = headers[i];
-    if (name.empty() || name.front() == ':' || IsReserved(name)) continue;
-    metadata.Append(name, std::string(value));
+    if (IsCustom(name)) metadata.Append(name, std::string(value));
   }
   return metadata;
+}
+
+bool Metadata::IsOf(const HeaderList& headers) const {
+  std::size_t next = 0;
+  for (std::size_t i = 0; i < headers.size(); ++i) {
+    const auto [name, value] = headers[i];
+    if (!IsCustom(name)) continue;
+    if (next == entries_.size()) return false;
+    const Entry& entry = entries_[next++];
+    if (entry.key != name || entry.value != value) return false;
+  }
+  return next == entries_.size();
 }
 
 absl::Status Metadata::Add(std::string_view key, std::string_view value) {
@@ -116,6 +135,13 @@ std::vector<std::string> Metadata::FindAll(std::string_view key) const {
     }
   }
   return values;
+}
+
+std::shared_ptr<const Metadata> MetadataMemo::Of(const HeaderList& headers) {
+  if (last_ != nullptr && last_->IsOf(headers)) return last_;
+  auto metadata = std::make_shared<const Metadata>(Metadata::FromHeaders(headers));
+  if (metadata->size_bytes() <= kMaxKeptBytes) last_ = metadata;
+  return metadata;
 }
 
 }  // namespace varnic::net

@@ -2,6 +2,7 @@
 #define CORE_NET_METADATA_H_
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +30,8 @@ class Metadata {
 
   // The custom fields of a request: everything but HTTP's and gRPC's own fields.
   static Metadata FromHeaders(const HeaderList& headers);
+  // Whether that would give what is here.
+  bool IsOf(const HeaderList& headers) const;
 
   // INVALID_ARGUMENT for a key or a value that gRPC does not allow, or a key that gRPC or HTTP have
   // for themselves; RESOURCE_EXHAUSTED above kMaxBytes. Nothing is added then.
@@ -49,6 +52,16 @@ class Metadata {
 
   std::vector<Entry> entries_;
   std::size_t size_bytes_ = 0;
+};
+
+// The metadata of the requests of one connection, of which each mostly says what the one before it
+// said: such requests share it.
+class MetadataMemo {
+ public:
+  std::shared_ptr<const Metadata> Of(const HeaderList& headers);
+
+ private:
+  std::shared_ptr<const Metadata> last_;  // Null until there is any that is not large.
 };
 
 }  // namespace varnic::net

@@ -90,5 +90,43 @@ TEST(MetadataTest, LimitIsExact) {
   EXPECT_EQ(metadata.Add("y", "").code(), absl::StatusCode::kResourceExhausted);
 }
 
+HeaderList Request(const std::string& agent, const std::string& trace) {
+  HeaderList headers;
+  headers.Add(":path", "/rpc.Profile/Name");
+  headers.Add("te", "trailers");
+  headers.Add("user-agent", agent);
+  if (!trace.empty()) headers.Add("x-trace", trace);
+  return headers;
+}
+
+TEST(MetadataMemoTest, RequestsThatSayTheSameShareIt) {
+  MetadataMemo memo;
+
+  const auto first = memo.Of(Request("agent", "7"));
+
+  EXPECT_EQ(first->Find("x-trace"), "7");
+  EXPECT_EQ(memo.Of(Request("agent", "7")), first);
+}
+
+TEST(MetadataMemoTest, ARequestGetsWhatItSaysItself) {
+  MetadataMemo memo;
+  memo.Of(Request("agent", "7"));
+
+  EXPECT_EQ(memo.Of(Request("agent", "8"))->Find("x-trace"), "8");
+  EXPECT_EQ(memo.Of(Request("agent", ""))->entries().size(), 1u);
+  EXPECT_EQ(memo.Of(Request("agent", "8"))->entries().size(), 2u);
+  EXPECT_EQ(memo.Of(Request("other", "8"))->Find("user-agent"), "other");
+  EXPECT_TRUE(memo.Of(HeaderList())->empty());
+}
+
+TEST(MetadataMemoTest, WhatIsLargeIsNotKept) {
+  MetadataMemo memo;
+  const std::string large(2000, 'x');
+
+  const std::weak_ptr<const Metadata> metadata = memo.Of(Request("agent", large));
+
+  EXPECT_TRUE(metadata.expired());
+}
+
 }  // namespace
 }  // namespace varnic::net

@@ -6,9 +6,6 @@ namespace {
 // The server announces no other size than the smallest of all.
 constexpr uint32_t kMaxFrameBytes = 1 << 14;
 
-// The head of a frame has nine bytes, and the scanner may want one more.
-constexpr std::size_t kEndOfHead = 2;
-
 }  // namespace
 
 std::string_view ToString(ProtocolFault fault) {
@@ -21,17 +18,6 @@ std::string_view ToString(ProtocolFault fault) {
       return "HEADERS: a smaller stream id than one before";
   }
   return "";
-}
-
-ProtocolGuard::Result ProtocolGuard::Inspect(std::string_view bytes) {
-  std::string_view rest = bytes;
-  while (const FrameHead* frame = scanner_.Next(rest)) {
-    const std::optional<ProtocolFault> fault = OnFrame(*frame);
-    if (!fault.has_value()) continue;
-    const std::size_t scanned = bytes.size() - rest.size();
-    return {scanned < kEndOfHead ? 0 : scanned - kEndOfHead, fault};
-  }
-  return {bytes.size(), std::nullopt};
 }
 
 std::optional<ProtocolFault> ProtocolGuard::OnFrame(const FrameHead& frame) {

@@ -1,7 +1,6 @@
 #ifndef CORE_NET_PROTOCOL_GUARD_H_
 #define CORE_NET_PROTOCOL_GUARD_H_
 
-#include <cstddef>
 #include <optional>
 #include <string_view>
 
@@ -19,22 +18,15 @@ enum class ProtocolFault {
 
 std::string_view ToString(ProtocolFault fault);
 
-// Looks for such faults in what one client sends, from the connection's first byte on.
+// Looks for such faults in what one client sends, from the connection's first frame on. After a
+// fault the guard makes no sense of more.
 class ProtocolGuard {
  public:
-  struct Result {
-    std::size_t sound_bytes;  // What may be processed, with at most a part of the faulty frame.
-    std::optional<ProtocolFault> fault;
-  };
-
-  // After a fault the guard makes no sense of more.
-  Result Inspect(std::string_view bytes);
+  std::optional<ProtocolFault> OnFrame(const FrameHead& frame);
 
  private:
-  std::optional<ProtocolFault> OnFrame(const FrameHead& frame);
   std::optional<ProtocolFault> OnCallFrame(const FrameHead& frame);
 
-  FrameScanner scanner_;
   StreamHistory streams_;
 };
 

@@ -4,13 +4,32 @@
 #include <utility>
 
 namespace varnic::net {
+namespace {
+
+// Memory is given back in pieces of this size.
+constexpr std::size_t kMaxJoinedBytes = 16 << 10;
+
+}  // namespace
 
 void SendBuffer::Append(std::string piece) {
-  Push({std::move(piece), nullptr});
+  if (!Join(piece)) Push({std::move(piece), nullptr});
 }
 
 void SendBuffer::AppendShared(std::shared_ptr<const std::string> piece) {
-  Push({std::string(), std::move(piece)});
+  if (piece->size() > kSmall) return Push({std::string(), std::move(piece)});
+  if (!Join(*piece)) Push({*piece, nullptr});
+}
+
+// Copies a small piece into the memory that is there.
+bool SendBuffer::Join(std::string_view piece) {
+  if (piece.size() > kSmall || last().shared != nullptr) return false;
+  std::string& joined = last().owned;
+  // A first piece brings its own memory.
+  if (bytes_ == 0 && joined.capacity() < piece.size()) return false;
+  if (joined.size() + piece.size() > kMaxJoinedBytes) return false;
+  joined.append(piece);
+  bytes_ += piece.size();
+  return true;
 }
 
 void SendBuffer::Push(Piece piece) {
@@ -34,16 +53,22 @@ std::size_t SendBuffer::Take(char* buffer, std::size_t size) {
     taken_ += step;
     bytes_ -= step;
     if (taken_ < front.size()) break;
-    taken_ = 0;
-    if (bytes_ == 0) {
-      first_ = Piece();
-      rest_ = nullptr;
-    } else {
-      first_ = std::move(rest_->front());
-      rest_->pop_front();
-    }
+    DropFirst();
   }
   return copied;
+}
+
+void SendBuffer::DropFirst() {
+  taken_ = 0;
+  if (rest_ != nullptr) {
+    first_ = std::move(rest_->front());
+    rest_->pop_front();
+    if (rest_->empty()) rest_ = nullptr;
+  } else if (first_.shared != nullptr || first_.owned.capacity() > kSmall) {
+    first_ = Piece();
+  } else {
+    first_.owned.clear();
+  }
 }
 
 }  // namespace varnic::net

@@ -40,8 +40,8 @@ TEST(SendBufferTest, MayBeFilledAgainInTheMiddleOfAPiece) {
   EXPECT_EQ(TakeAll(buffer, 16), "cdef");
 }
 
-TEST(SendBufferTest, SharedPieceIsNotCopiedAndLetGoWhenItIsTaken) {
-  const auto shared = std::make_shared<const std::string>("event");
+TEST(SendBufferTest, LargeSharedPieceIsNotCopiedAndLetGoWhenItIsTaken) {
+  const auto shared = std::make_shared<const std::string>(SendBuffer::kSmall + 1, 'e');
   SendBuffer one;
   SendBuffer two;
   one.AppendShared(shared);
@@ -51,6 +51,46 @@ TEST(SendBufferTest, SharedPieceIsNotCopiedAndLetGoWhenItIsTaken) {
   TakeAll(one, 16);
 
   EXPECT_EQ(shared.use_count(), 2);
+}
+
+TEST(SendBufferTest, SmallSharedPieceIsLetGoAtOnce) {
+  const auto shared = std::make_shared<const std::string>("event");
+  SendBuffer buffer;
+
+  buffer.AppendShared(shared);
+
+  EXPECT_EQ(shared.use_count(), 1);
+  EXPECT_EQ(TakeAll(buffer, 16), "event");
+}
+
+TEST(SendBufferTest, PiecesOfEverySizeKeepTheirOrder) {
+  for (const std::size_t step : {1u, 7u, 500u, 20'000u}) {
+    SendBuffer buffer;
+    std::string all;
+    for (int i = 0; i < 200; ++i) {
+      const std::string piece(static_cast<std::size_t>(i * i % 900),
+                              static_cast<char>('a' + i % 26));
+      all += piece;
+      if (i % 3 == 0) {
+        buffer.AppendShared(std::make_shared<const std::string>(piece));
+      } else {
+        buffer.Append(piece);
+      }
+    }
+    ASSERT_EQ(buffer.bytes(), all.size());
+
+    EXPECT_EQ(TakeAll(buffer, step), all) << step;
+  }
+}
+
+TEST(SendBufferTest, MayBeFilledAgainWhenItWasEmpty) {
+  SendBuffer buffer;
+  for (const std::size_t size : {10u, 300u, 20u, 5'000u, 400u, 1u}) {
+    const std::string piece(size, 'p');
+    buffer.Append(piece);
+    EXPECT_EQ(TakeAll(buffer, 100), piece);
+    EXPECT_TRUE(buffer.empty());
+  }
 }
 
 TEST(SendBufferTest, EmptyOneGivesNothing) {

@@ -41,18 +41,17 @@ RpcServer::~RpcServer() {
 
 void RpcServer::AddService(Service& service, const ServiceOptions& options) {
   VARNIC_CHECK(loop_.IsLoopThread());
-  services_.Add(service, options);
+  services_.Add(service, options, &calls_);
   Announce(*service.GetDescriptor());
 }
 
 void RpcServer::AddBuiltIn(const google::protobuf::ServiceDescriptor& descriptor,
                            CallHandler& handler) {
-  services_.Add(descriptor, handler);
+  services_.Add(descriptor, handler, &calls_);
   Announce(descriptor);
 }
 
 void RpcServer::Announce(const google::protobuf::ServiceDescriptor& descriptor) {
-  calls_.Add(descriptor);
   health_.SetServing(descriptor.full_name(), true);
   if (options_.serve_reflection) reflection_.AddService(descriptor);
 }
@@ -198,7 +197,8 @@ void RpcServer::LogEnd(const net::Peer& peer, net::EdgeRule rule) {
 }
 
 void RpcServer::OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& head) {
-  call.Observe(calls_.ForCall(head.path));
+  const absl::StatusOr<const ServiceTable::Method*> found = services_.Find(head.path);
+  call.Observe(found.ok() ? (*found)->counters->calls : calls_.ForUnknown());
   if (draining_) return call.Finish(absl::UnavailableError(kShuttingDown));
   std::string role;
   if (policy_ != nullptr) {
@@ -206,14 +206,12 @@ void RpcServer::OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& he
     if (!authorized.ok()) return call.Finish(authorized.status());
     role = *std::move(authorized);
   }
-  const auto method = services_.Find(head.path);
-  if (!method.ok()) return call.Finish(method.status());
-  const bool is_stream =
-      method->descriptor->client_streaming() || method->descriptor->server_streaming();
-  if (is_stream) call.Observe(calls_.ForStream(head.path));
-  if (method->handler != nullptr) return method->handler->OnCall(*method->descriptor, call);
-  if (is_stream) return streams_.Open(*method, call, head);
-  UnaryCall::Start(*method, call, net::Metadata::FromHeaders(*head.headers), std::move(role));
+  if (!found.ok()) return call.Finish(found.status());
+  const ServiceTable::Method& method = **found;
+  if (method.is_stream()) call.Observe(method.counters->OpenStream());
+  if (method.handler != nullptr) return method.handler->OnCall(*method.descriptor, call);
+  if (method.is_stream()) return streams_.Open(method, call, head);
+  UnaryCall::Start(method, call, call.RequestMetadata(head), std::move(role));
 }
 
 void RpcServer::OnConnectionClosed(net::GrpcServerConnection& connection,

@@ -1,6 +1,7 @@
 #include "core/server/rpc_server.h"
 
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/stubs/callback.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,6 +23,12 @@
 namespace varnic {
 namespace {
 
+ProfileId MakeRequest() {
+  ProfileId id;
+  id.set_value("of the client");
+  return id;
+}
+
 std::string SocketPath() {
   static int number = 0;
   return absl::StrCat(::testing::TempDir(), "rpc_server_", getpid(), "_", ++number);
@@ -34,6 +41,27 @@ class FixedPath : public rpc::ProfileRpc {
             google::protobuf::StringValue* response, google::protobuf::Closure* done) override {
     response->set_value("from Profile");
     done->Run();
+  }
+};
+
+// Has a closure wait for the cancellation of each Path(), and reads the messages in it.
+class LateReader : public rpc::ProfileRpc {
+ public:
+  void Path(google::protobuf::RpcController* controller, const ProfileId* request,
+            google::protobuf::StringValue* response, google::protobuf::Closure* done) override {
+    response->set_value("from Profile");
+    controller->NotifyOnCancel(
+        google::protobuf::NewCallback(this, &LateReader::OnEnd, request, response));
+    done->Run();
+  }
+
+  std::string request_read;
+  std::string response_read;
+
+ private:
+  void OnEnd(const ProfileId* request, google::protobuf::StringValue* response) {
+    request_read = request->value();
+    response_read = response->value();
   }
 };
 
@@ -103,7 +131,7 @@ class LoopbackCall : private net::GrpcClientConnection::Visitor,
     connection_ = std::make_unique<net::GrpcClientConnection>(
         server_.loop(), *std::move(stream), "localhost", net::GrpcClientOptions(), visitor);
     connection_->StartCall(path_, absl::InfiniteDuration(), *this)
-        ->Send(net::FrameMessage(ProfileId()), /*half_close=*/true);
+        ->Send(net::FrameMessage(MakeRequest()), /*half_close=*/true);
   }
   void OnMessage(std::string_view message) override {
     google::protobuf::StringValue value;
@@ -170,6 +198,21 @@ TEST(RpcServerTest, TwoServicesAreServedSideBySide) {
     EXPECT_EQ(call.status, absl::OkStatus());
     EXPECT_EQ(call.answer, text);
   }
+}
+
+TEST(RpcServerTest, ClosureThatWaitsForACancellationReadsTheMessagesOfItsCall) {
+  LateReader profile;
+  RpcServer server;
+  server.AddService(profile);
+  const auto address = server.Listen("127.0.0.1:0");
+  ASSERT_TRUE(address.ok()) << address.status();
+  LoopbackCall call(server, *address, "/rpc.Profile/Path");
+
+  server.Run();
+
+  EXPECT_EQ(call.status, absl::OkStatus());
+  EXPECT_EQ(profile.request_read, "of the client");
+  EXPECT_EQ(profile.response_read, "from Profile");
 }
 
 TEST(RpcServerTest, ListenFailureNamesTheAddress) {

@@ -25,7 +25,7 @@ class ServerController final : public google::protobuf::RpcController {
   // Without a caller: for a call that came over no connection.
   explicit ServerController(absl::Time deadline = absl::InfiniteFuture(),
                             std::shared_ptr<const net::Peer> peer = nullptr, std::string role = "",
-                            net::Metadata metadata = {});
+                            std::shared_ptr<const net::Metadata> metadata = nullptr);
   // A closure that waits for a cancellation runs now, at the latest.
   ~ServerController() override;
 
@@ -50,7 +50,7 @@ class ServerController final : public google::protobuf::RpcController {
 
   // What the client says about the call besides its request: its custom header fields, and its
   // user-agent.
-  const net::Metadata& metadata() const { return metadata_; }
+  const net::Metadata& metadata() const { return *metadata_; }
   // What the answer says besides its response, ahead of it and behind it; reaches the client of a
   // failed call, too. A key that is added twice is sent twice. An error leaves out the entry alone:
   // see net::Metadata::Add() for what is allowed, and how much of it.
@@ -65,6 +65,8 @@ class ServerController final : public google::protobuf::RpcController {
 
   // For the server: nobody waits for the answer any more. Runs the closure of NotifyOnCancel().
   void Cancel();
+  // For the server: the call has completed. Runs the same closure, if it still waits.
+  void Complete();
 
   // google::protobuf::RpcController. SetFailed() alone is status UNKNOWN with that text.
   void SetFailed(const std::string& reason) override { status_ = absl::UnknownError(reason); }
@@ -84,7 +86,7 @@ class ServerController final : public google::protobuf::RpcController {
   const absl::Time deadline_;
   const std::shared_ptr<const net::Peer> peer_;  // Never null.
   const std::string role_;
-  const net::Metadata metadata_;
+  const std::shared_ptr<const net::Metadata> metadata_;  // Never null.
   net::Metadata initial_metadata_;
   net::Metadata trailing_metadata_;
   absl::Status status_;

@@ -45,7 +45,8 @@ TEST(ServerControllerTest, KnowsWhatTheClientSaysOfTheCall) {
   net::Metadata metadata;
   ASSERT_TRUE(metadata.Add("x-trace", "7").ok());
 
-  const ServerController controller(absl::InfiniteFuture(), nullptr, "", metadata);
+  const ServerController controller(absl::InfiniteFuture(), nullptr, "",
+                                    std::make_shared<const net::Metadata>(metadata));
 
   EXPECT_EQ(controller.metadata().Find("x-trace"), "7");
   EXPECT_TRUE(ServerController().metadata().empty());

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/common/rpc/fatal.h"
+#include "core/common/rpc/stream_kind.h"
 #include "rpc/transport/stream_message.pb.h"
 
 namespace varnic {
@@ -36,6 +37,29 @@ class ServerStream::ChannelEnd : public StreamChannel::Transport {
   ServerStream* stream_;
 };
 
+// The envelope of one message, with the memory that an earlier one has left. Outlives the stream if
+// the message ends it.
+class ServerStream::Envelope {
+ public:
+  // Of `bytes` on the wire.
+  Envelope(MessageStock& stock, std::size_t bytes)
+      : stock_(stock),
+        bytes_(bytes),
+        message_(stock.Take(::rpc::transport::StreamMessage::default_instance())) {}
+  Envelope(const Envelope&) = delete;
+  Envelope& operator=(const Envelope&) = delete;
+  ~Envelope() { stock_.Give(std::move(message_), bytes_); }
+
+  ::rpc::transport::StreamMessage& message() {
+    return static_cast<::rpc::transport::StreamMessage&>(*message_);
+  }
+
+ private:
+  MessageStock& stock_;
+  const std::size_t bytes_;
+  std::unique_ptr<google::protobuf::Message> message_;
+};
+
 // An operation of the stream object, while it is on the stack. What ends the stream meanwhile takes
 // effect when the last one has returned.
 class ServerStream::Operation {
@@ -56,6 +80,7 @@ ServerStream::ServerStream(net::EventLoop& loop, const ServiceTable::Method& met
       guard_(guard),
       framing_(framing),
       call_id_field_(guard == nullptr ? 0 : CallIdField(*method.descriptor->output_type())),
+      envelopes_(method.requests),
       owner_(owner),
       call_(&call),
       bounds_(limits.subscriptions),
@@ -80,15 +105,15 @@ ServerStream::~ServerStream() {
 
 void ServerStream::OnMessage(std::string_view message) {
   if (ending_) return;
-  ::rpc::transport::StreamMessage envelope;
+  Envelope envelope(envelopes_, message.size());
   bool is_error = false;
-  const absl::Status status = Decode(message, envelope, is_error);
+  const absl::Status status = Decode(message, envelope.message(), is_error);
   if (!status.ok()) return End(status);
   const Operation operation(*this);
   if (is_error) {
-    stream_->OnError(&envelope);
+    stream_->OnError(&envelope.message());
   } else {
-    stream_->OnNext(&envelope);
+    stream_->OnNext(&envelope.message());
   }
 }
 
@@ -101,7 +126,7 @@ absl::Status ServerStream::Decode(std::string_view message,
     }
     is_error = envelope.kind() == ::rpc::transport::StreamMessage::ERROR;
   } else {
-    envelope.set_payload(message.data(), message.size());
+    envelope.mutable_payload()->assign(message);  // Into the memory that is there.
   }
   if (guard_ == nullptr) return absl::OkStatus();
   EnvelopeGuard::Content content;

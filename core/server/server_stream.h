@@ -68,6 +68,7 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
 
  private:
   class ChannelEnd;
+  class Envelope;
   class Operation;
 
   void OnMessage(std::string_view message) override;
@@ -103,6 +104,7 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   EnvelopeGuard* const guard_;
   const StreamFraming framing_;
   const int call_id_field_;
+  MessageStock& envelopes_;
   Owner& owner_;
   net::GrpcServerCall* call_;  // Null once nobody listens, or the call was finished.
   ChannelEnd* channel_end_;    // Null once the channel is gone, which may outlive this.

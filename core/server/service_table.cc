@@ -7,31 +7,47 @@
 
 namespace varnic {
 
-void ServiceTable::Add(Service& service, const ServiceOptions& options) {
+void ServiceTable::Add(Service& service, const ServiceOptions& options, CallCounters* counters) {
   const google::protobuf::ServiceDescriptor* descriptor = service.GetDescriptor();
   VARNIC_CHECK(descriptor != nullptr);
-  AddMethods(*descriptor, {&service, nullptr, options.plain_streams});
-}
-
-void ServiceTable::Add(const google::protobuf::ServiceDescriptor& descriptor,
-                       CallHandler& handler) {
-  AddMethods(descriptor, {nullptr, nullptr, /*plain_streams=*/false, &handler});
-}
-
-void ServiceTable::AddMethods(const google::protobuf::ServiceDescriptor& service, Method method) {
-  const bool is_new = services_.insert(service.full_name()).second;
-  VARNIC_CHECK(is_new);
-  for (int i = 0; i < service.method_count(); ++i) {
-    method.descriptor = service.method(i);
-    methods_.emplace(absl::StrCat("/", service.full_name(), "/", method.descriptor->name()),
-                     method);
+  AddName(*descriptor, counters);
+  for (int i = 0; i < descriptor->method_count(); ++i) {
+    Method& method = AddMethod(*descriptor->method(i), counters);
+    method.service = &service;
+    method.plain_streams = options.plain_streams;
   }
 }
 
-absl::StatusOr<ServiceTable::Method> ServiceTable::Find(std::string_view path) const {
+void ServiceTable::Add(const google::protobuf::ServiceDescriptor& descriptor, CallHandler& handler,
+                       CallCounters* counters) {
+  AddName(descriptor, counters);
+  for (int i = 0; i < descriptor.method_count(); ++i) {
+    AddMethod(*descriptor.method(i), counters).handler = &handler;
+  }
+}
+
+void ServiceTable::AddName(const google::protobuf::ServiceDescriptor& service,
+                           CallCounters* counters) {
+  const bool is_new = services_.insert(service.full_name()).second;
+  VARNIC_CHECK(is_new);
+  if (counters != nullptr) counters->Add(service);
+}
+
+ServiceTable::Method& ServiceTable::AddMethod(const google::protobuf::MethodDescriptor& method,
+                                              CallCounters* counters) {
+  const std::string path = absl::StrCat("/", method.service()->full_name(), "/", method.name());
+  std::unique_ptr<Method>& added = methods_[path];
+  added = std::make_unique<Method>();
+  added->descriptor = &method;
+  added->kind = KindOfStream(method);
+  if (counters != nullptr) added->counters = &counters->Of(path);
+  return *added;
+}
+
+absl::StatusOr<const ServiceTable::Method*> ServiceTable::Find(std::string_view path) const {
   const absl::string_view key(path.data(), path.size());
   const auto method = methods_.find(key);
-  if (method != methods_.end()) return method->second;
+  if (method != methods_.end()) return method->second.get();
 
   const std::size_t slash = key.rfind('/');
   if (slash == absl::string_view::npos || slash == 0 || key[0] != '/') {

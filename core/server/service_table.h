@@ -3,6 +3,7 @@
 
 #include <google/protobuf/descriptor.h>
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -10,7 +11,10 @@
 #include "absl/container/flat_hash_set.h"
 #include "absl/status/statusor.h"
 #include "core/common/rpc/service.h"
+#include "core/common/rpc/stream_kind.h"
 #include "core/server/call_handler.h"
+#include "core/server/message_stock.h"
+#include "core/server/metrics/call_counters.h"
 
 namespace varnic {
 
@@ -28,27 +32,38 @@ struct ServiceOptions {
 class ServiceTable {
  public:
   struct Method {
-    Service* service;
-    const google::protobuf::MethodDescriptor* descriptor;
-    bool plain_streams = false;      // As ServiceOptions has it.
-    CallHandler* handler = nullptr;  // If not null, in place of the service.
+    bool is_stream() const {
+      return descriptor->client_streaming() || descriptor->server_streaming();
+    }
+
+    Service* service = nullptr;
+    const google::protobuf::MethodDescriptor* descriptor = nullptr;
+    bool plain_streams = false;          // As ServiceOptions has it.
+    CallHandler* handler = nullptr;      // If not null, in place of the service.
+    MethodCounters* counters = nullptr;  // Null if nobody counts.
+    StreamKind kind = StreamKind::kNone;
+    // Of unary calls that have ended, for those to come. A stream's requests are its envelopes.
+    mutable MessageStock requests;
+    mutable MessageStock responses;
   };
 
-  // Fatal if the service has no descriptor, or if one of that name was added before.
-  void Add(Service& service, const ServiceOptions& options = {});
+  // Fatal if the service has no descriptor, or if one of that name was added before. `counters`,
+  // which outlive the table, get to know the service, and count its calls.
+  void Add(Service& service, const ServiceOptions& options = {}, CallCounters* counters = nullptr);
   // The same for a service that `handler` answers.
-  void Add(const google::protobuf::ServiceDescriptor& descriptor, CallHandler& handler);
+  void Add(const google::protobuf::ServiceDescriptor& descriptor, CallHandler& handler,
+           CallCounters* counters = nullptr);
 
-  // The method at a path, "/rpc.Profile/Path". UNIMPLEMENTED with a text that names what is
-  // unknown: the service or its method.
-  absl::StatusOr<Method> Find(std::string_view path) const;
+  // The method at a path, "/rpc.Profile/Path"; valid as long as the table. UNIMPLEMENTED with a
+  // text that names what is unknown: the service or its method.
+  absl::StatusOr<const Method*> Find(std::string_view path) const;
 
  private:
-  // Each method of the service becomes `method`, but for its descriptor.
-  void AddMethods(const google::protobuf::ServiceDescriptor& service, Method method);
+  Method& AddMethod(const google::protobuf::MethodDescriptor& method, CallCounters* counters);
+  void AddName(const google::protobuf::ServiceDescriptor& service, CallCounters* counters);
 
   absl::flat_hash_set<std::string> services_;
-  absl::flat_hash_map<std::string, Method> methods_;  // By path.
+  absl::flat_hash_map<std::string, std::unique_ptr<Method>> methods_;  // By path.
 };
 
 }  // namespace varnic

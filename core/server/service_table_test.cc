@@ -29,8 +29,8 @@ TEST_F(ServiceTableTest, FindsEveryMethodOfAService) {
     const auto method = table_.Find("/rpc.Profile/" + descriptor.method(i)->name());
 
     ASSERT_TRUE(method.ok()) << method.status();
-    EXPECT_EQ(method->service, &service_);
-    EXPECT_EQ(method->descriptor, descriptor.method(i));
+    EXPECT_EQ((*method)->service, &service_);
+    EXPECT_EQ((*method)->descriptor, descriptor.method(i));
   }
 }
 
@@ -41,9 +41,9 @@ TEST_F(ServiceTableTest, MethodsOfAHandlerLeadToIt) {
   const auto method = table_.Find("/grpc.health.v1.Health/Watch");
 
   ASSERT_TRUE(method.ok()) << method.status();
-  EXPECT_EQ(method->handler, &health);
-  EXPECT_EQ(method->descriptor, HealthService::Descriptor().FindMethodByName("Watch"));
-  EXPECT_EQ(table_.Find("/rpc.Profile/Path")->handler, nullptr);
+  EXPECT_EQ((*method)->handler, &health);
+  EXPECT_EQ((*method)->descriptor, HealthService::Descriptor().FindMethodByName("Watch"));
+  EXPECT_EQ((*table_.Find("/rpc.Profile/Path"))->handler, nullptr);
 }
 
 TEST_F(ServiceTableTest, UnknownServiceIsNamed) {

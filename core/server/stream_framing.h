@@ -1,8 +1,6 @@
 #ifndef CORE_SERVER_STREAM_FRAMING_H_
 #define CORE_SERVER_STREAM_FRAMING_H_
 
-#include <google/protobuf/descriptor.h>
-
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -28,12 +26,8 @@ enum class StreamFraming {
 inline constexpr std::string_view kFramingHeader = "varnic-framing";
 inline constexpr std::string_view kEnvelopeFraming = "envelope";
 
-// The number of the field in which a typed message of the host carries its call id; 0 if it has
-// none.
-int CallIdField(const google::protobuf::Descriptor& type);
-
-// One gRPC message with its prefix, as an envelope of the host goes out. `call_id_field`: see
-// above.
+// One gRPC message with its prefix, as an envelope of the host goes out. `call_id_field`: of
+// its payload's type, or 0 (stream_kind.h).
 std::string FrameEnvelope(StreamFraming framing, const ::rpc::transport::StreamMessage& envelope,
                           int call_id_field);
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/common/rpc/stream_kind.h"
 #include "core/net/message_framing.h"
 #include "rpc/profile/profile.pb.h"
 

@@ -15,8 +15,9 @@ StreamTable::~StreamTable() {
 
 void StreamTable::Open(const ServiceTable::Method& method, net::GrpcServerCall& call,
                        const net::GrpcRequestHead& head) {
-  const StreamKind kind = KindOfStream(*method.descriptor);
-  if (kind == StreamKind::kNone || (kind == StreamKind::kPlain && !method.plain_streams)) {
+  const bool is_served =
+      method.kind == StreamKind::kPlain ? method.plain_streams : method.kind != StreamKind::kNone;
+  if (!is_served) {
     return call.Finish(absl::UnimplementedError(absl::StrCat(
         method.descriptor->full_name(), " is neither an event stream nor a callback stream")));
   }
@@ -58,12 +59,12 @@ void StreamTable::OnStreamEnded(ServerStream& stream) {
 }
 
 EnvelopeGuard* StreamTable::GuardOf(const ServiceTable::Method& method) {
-  if (KindOfStream(*method.descriptor) == StreamKind::kPlain) return nullptr;
+  if (method.kind == StreamKind::kPlain) return nullptr;
   std::unique_ptr<EnvelopeGuard>& guard = guards_[method.descriptor];
   if (guard == nullptr) {
     // An event stream decodes what the method takes, a callback stream what it returns.
     const google::protobuf::Message& prototype =
-        KindOfStream(*method.descriptor) == StreamKind::kEvents
+        method.kind == StreamKind::kEvents
             ? method.service->GetRequestPrototype(method.descriptor)
             : method.service->GetResponsePrototype(method.descriptor);
     guard = std::make_unique<EnvelopeGuard>(*method.descriptor, prototype);

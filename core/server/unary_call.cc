@@ -11,12 +11,12 @@
 namespace varnic {
 
 void UnaryCall::Start(const ServiceTable::Method& method, net::GrpcServerCall& call,
-                      net::Metadata metadata, std::string role) {
+                      std::shared_ptr<const net::Metadata> metadata, std::string role) {
   new UnaryCall(method, call, std::move(metadata), std::move(role));
 }
 
 UnaryCall::UnaryCall(const ServiceTable::Method& method, net::GrpcServerCall& call,
-                     net::Metadata metadata, std::string role)
+                     std::shared_ptr<const net::Metadata> metadata, std::string role)
     : method_(method),
       call_(&call),
       controller_(call.deadline(), call.peer(), std::move(role), std::move(metadata)) {
@@ -30,7 +30,8 @@ void UnaryCall::OnMessage(std::string_view message) {
     return Refuse(absl::UnimplementedError(absl::StrCat(
         "More than one request message for the unary method ", method_.descriptor->full_name())));
   }
-  request_.reset(method_.service->GetRequestPrototype(method_.descriptor).New());
+  request_ = method_.requests.Take(method_.service->GetRequestPrototype(method_.descriptor));
+  request_bytes_ = message.size();
   if (!request_->ParseFromArray(message.data(), static_cast<int>(message.size()))) {
     Refuse(absl::InternalError(absl::StrCat("The request is not a serialised ",
                                             method_.descriptor->input_type()->full_name())));
@@ -42,7 +43,7 @@ void UnaryCall::OnHalfClose() {
     return Refuse(absl::UnimplementedError(
         absl::StrCat("No request message for the unary method ", method_.descriptor->full_name())));
   }
-  response_.reset(method_.service->GetResponsePrototype(method_.descriptor).New());
+  response_ = method_.responses.Take(method_.service->GetResponsePrototype(method_.descriptor));
   called_ = true;
   // Deletes this, if the service answers at once.
   method_.service->CallMethod(method_.descriptor, &controller_, request_.get(), response_.get(),
@@ -60,12 +61,27 @@ void UnaryCall::OnCancelled() {
 
 void UnaryCall::Run() {
   if (call_ != nullptr) {
-    const absl::Status status = FinalStatus();
-    if (!controller_.initial_metadata().empty()) call_->SendHeaders(controller_.initial_metadata());
-    if (status.ok()) call_->Send(net::FrameMessage(*response_));
-    call_->Finish(status, controller_.trailing_metadata());
+    Answer();
+    controller_.Complete();  // The closure that waits may still read the messages.
+    GiveBack();
   }
   delete this;
+}
+
+void UnaryCall::Answer() {
+  const absl::Status status = FinalStatus();
+  if (!controller_.initial_metadata().empty()) call_->SendHeaders(controller_.initial_metadata());
+  if (status.ok()) {
+    std::string framed = net::FrameMessage(*response_);
+    response_bytes_ = framed.size();
+    call_->Send(std::move(framed));
+  }
+  call_->Finish(status, controller_.trailing_metadata());
+}
+
+void UnaryCall::GiveBack() {
+  method_.requests.Give(std::move(request_), request_bytes_);
+  method_.responses.Give(std::move(response_), response_bytes_);
 }
 
 void UnaryCall::Refuse(const absl::Status& status) {

@@ -1,5 +1,6 @@
 #include "core/common/rpc/message_hash.h"
 
+#include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/struct.pb.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/wrappers.pb.h>
@@ -128,6 +129,21 @@ TEST(MessageHashTest, ContentOfEverySizeIsComparedToItsEnd) {
     EXPECT_EQ(Hash(a), Hash(b)) << size;
     EXPECT_FALSE(Equal(a, other)) << size;
     EXPECT_NE(Hash(a), Hash(other)) << size;
+  }
+}
+
+// Made from the same descriptor, by a class of its own.
+TEST(MessageHashTest, ADynamicMessageOfEqualContentIsEqualAndHashesAlike) {
+  google::protobuf::DynamicMessageFactory factory;
+  const Message& prototype = *factory.GetPrototype(ProfileId::descriptor());
+  for (const std::size_t size : {0u, 1u, 127u, 128u, 2000u}) {
+    const ProfileId profile = Profile(std::string(size, 'a'));
+    const std::unique_ptr<Message> dynamic(prototype.New());
+    ASSERT_TRUE(dynamic->ParseFromString(profile.SerializeAsString()));
+
+    EXPECT_TRUE(Equal(*dynamic, profile)) << size;
+    EXPECT_EQ(Hash(*dynamic), Hash(profile)) << size;
+    EXPECT_FALSE(Equal(*dynamic, Profile(std::string(size, 'a') + "b"))) << size;
   }
 }
 

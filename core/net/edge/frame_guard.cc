@@ -17,15 +17,6 @@ FrameGuard::FrameGuard(const FloodLimits& limits, uint32_t max_streams, EdgeCoun
       continuations_(limits),
       unread_answers_(limits, max_streams) {}
 
-FrameGuard::Verdict FrameGuard::OnBytes(std::string_view bytes, Time now,
-                                        absl::FunctionRef<bool(int32_t)> is_answered) {
-  while (const FrameHead* frame = scanner_.Next(bytes)) {
-    const Verdict verdict = OnFrame(*frame, now, is_answered);
-    if (verdict.has_value()) return verdict;
-  }
-  return {};
-}
-
 FrameGuard::Verdict FrameGuard::OnFrame(const FrameHead& frame, Time now,
                                         absl::FunctionRef<bool(int32_t)> is_answered) {
   switch (frame.type) {

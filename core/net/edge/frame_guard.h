@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string_view>
 
 #include "absl/functional/function_ref.h"
 #include "core/net/edge/continuation_rule.h"
@@ -30,9 +29,9 @@ class FrameGuard {
   // Counts resets in `counters`, which outlives the guard; null counts nothing.
   FrameGuard(const FloodLimits& limits, uint32_t max_streams, EdgeCounters* counters);
 
-  // What has arrived, before anything else is done with it. `is_answered` is asked about streams:
-  // whether nothing of an answer is still to be sent.
-  Verdict OnBytes(std::string_view bytes, Time now, absl::FunctionRef<bool(int32_t)> is_answered);
+  // A frame has arrived; before anything else is done with it. `is_answered` is asked about
+  // streams: whether nothing of an answer is still to be sent.
+  Verdict OnFrame(const FrameHead& frame, Time now, absl::FunctionRef<bool(int32_t)> is_answered);
 
   // A DATA frame was sent.
   void OnDataSent() { control_frames_.OnExchange(); }
@@ -44,11 +43,9 @@ class FrameGuard {
   Verdict OnWaiting(std::size_t frames) const;
 
  private:
-  Verdict OnFrame(const FrameHead& frame, Time now, absl::FunctionRef<bool(int32_t)> is_answered);
   Verdict OnReset(const FrameHead& frame, Time now, absl::FunctionRef<bool(int32_t)> is_answered);
 
   EdgeCounters* const counters_;
-  FrameScanner scanner_;
   ResetRule resets_;
   ControlFrameRule control_frames_;
   EmptyFrameRule empty_frames_;

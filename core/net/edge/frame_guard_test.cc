@@ -37,11 +37,17 @@ class FrameGuardTest : public ::testing::Test {
   }
 
   FrameGuard::Verdict Send(std::string_view bytes) {
-    return guard_.OnBytes(bytes, kStart, [this](int32_t id) { return id == answered_; });
+    while (const FrameHead* frame = scanner_.Next(bytes)) {
+      const auto verdict =
+          guard_.OnFrame(*frame, kStart, [this](int32_t id) { return id == answered_; });
+      if (verdict.has_value()) return verdict;
+    }
+    return std::nullopt;
   }
 
   int32_t answered_ = 0;
   EdgeCounters counters_;
+  FrameScanner scanner_;
   FrameGuard guard_{Limits(), /*max_streams=*/0, &counters_};
 };
 

@@ -50,13 +50,11 @@ class FrameScanner {
   const FrameHead* Next(std::string_view& bytes);
 
  private:
-  std::size_t HeadBytes() const;
-  uint32_t PayloadBytes() const;
-  void Parse();
+  void Parse(const uint8_t* head, std::size_t size);
 
   std::size_t skip_ = 24;  // What comes before the next head; at first, the connection preface.
-  std::array<uint8_t, 10> head_;
-  std::size_t size_ = 0;  // Of what is there of the head.
+  std::array<uint8_t, 10> head_ = {};
+  std::size_t size_ = 0;  // Of what is there of a head that came in pieces.
   FrameHead frame_;
 };
 

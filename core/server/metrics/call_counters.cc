@@ -54,12 +54,6 @@ void CallCounters::Add(const google::protobuf::ServiceDescriptor& service) {
   }
 }
 
-CallEnds& CallCounters::ForStream(std::string_view path) {
-  MethodCounters& method = Of(path);
-  ++method.streams_opened;
-  return method.streams;
-}
-
 MethodCounters& CallCounters::Of(std::string_view path) {
   const auto found = by_path_.find(absl::string_view(path.data(), path.size()));
   return found == by_path_.end() ? *methods_.front() : *found->second;

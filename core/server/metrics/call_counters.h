@@ -57,6 +57,11 @@ class CallEnds final : public net::CallObserver {
 // What is counted of one method.
 struct MethodCounters {
   std::uint64_t streams_open() const { return streams_opened - streams.total(); }
+  // A stream takes over a call: who is to observe its end.
+  CallEnds& OpenStream() {
+    ++streams_opened;
+    return streams;
+  }
 
   std::string label;  // Its path on the wire: "/rpc.Profile/Path".
   bool is_stream = false;
@@ -75,10 +80,8 @@ class CallCounters {
   // Once for each service.
   void Add(const google::protobuf::ServiceDescriptor& service);
 
-  // Who is to observe a call of the method at `path`; and who, once a stream takes over the call.
-  // Valid as long as the counters.
-  CallEnds& ForCall(std::string_view path) { return Of(path).calls; }
-  CallEnds& ForStream(std::string_view path);
+  // What is counted of the method at `path`; valid as long as the counters.
+  MethodCounters& Of(std::string_view path);
   // For calls of which not even the method is known.
   CallEnds& ForUnknown() { return methods_.front()->calls; }
 
@@ -86,8 +89,6 @@ class CallCounters {
   const std::vector<std::unique_ptr<MethodCounters>>& methods() const { return methods_; }
 
  private:
-  MethodCounters& Of(std::string_view path);
-
   std::vector<std::unique_ptr<MethodCounters>> methods_;
   absl::flat_hash_map<std::string, MethodCounters*> by_path_;
 };

@@ -53,9 +53,9 @@ TEST(DurationHistogramTest, DurationGoesIntoTheFirstBucketWhoseBoundItDoesNotPas
 }
 
 TEST_F(CallCountersTest, EndsAreCountedByMethodAndCode) {
-  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kOk, absl::Seconds(1));
-  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kOk, absl::Seconds(2));
-  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kNotFound, absl::Seconds(3));
+  counters_.Of(kPath).calls.OnCallEnded(absl::StatusCode::kOk, absl::Seconds(1));
+  counters_.Of(kPath).calls.OnCallEnded(absl::StatusCode::kOk, absl::Seconds(2));
+  counters_.Of(kPath).calls.OnCallEnded(absl::StatusCode::kNotFound, absl::Seconds(3));
 
   EXPECT_EQ(Count(Of(kPath).calls, absl::StatusCode::kOk), 2u);
   EXPECT_EQ(Count(Of(kPath).calls, absl::StatusCode::kNotFound), 1u);
@@ -64,10 +64,10 @@ TEST_F(CallCountersTest, EndsAreCountedByMethodAndCode) {
 }
 
 TEST_F(CallCountersTest, DurationsAreToldApartByCode) {
-  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kOk, absl::Seconds(1));
+  counters_.Of(kPath).calls.OnCallEnded(absl::StatusCode::kOk, absl::Seconds(1));
   const DurationHistogram* first = Durations(kPath, absl::StatusCode::kOk);
-  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kOk, absl::Seconds(2));
-  counters_.ForCall(kPath).OnCallEnded(absl::StatusCode::kNotFound, absl::Seconds(4));
+  counters_.Of(kPath).calls.OnCallEnded(absl::StatusCode::kOk, absl::Seconds(2));
+  counters_.Of(kPath).calls.OnCallEnded(absl::StatusCode::kNotFound, absl::Seconds(4));
 
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(Durations(kPath, absl::StatusCode::kOk), first);
@@ -82,7 +82,7 @@ TEST_F(CallCountersTest, WhateverIsNoMethodIsCountedAsOne) {
   const std::size_t methods = counters_.methods().size();
 
   for (const char* path : {"", "/", "/rpc.Profile/Other", "/other.Service/Path", "unknown"}) {
-    counters_.ForCall(path).OnCallEnded(absl::StatusCode::kUnimplemented, absl::ZeroDuration());
+    counters_.Of(path).calls.OnCallEnded(absl::StatusCode::kUnimplemented, absl::ZeroDuration());
   }
   counters_.ForUnknown().OnCallEnded(absl::StatusCode::kInternal, absl::ZeroDuration());
 
@@ -92,8 +92,8 @@ TEST_F(CallCountersTest, WhateverIsNoMethodIsCountedAsOne) {
 }
 
 TEST_F(CallCountersTest, StreamIsOpenUntilItsEnd) {
-  CallEnds& ends = counters_.ForStream(kStream);
-  counters_.ForStream(kStream);
+  CallEnds& ends = counters_.Of(kStream).OpenStream();
+  counters_.Of(kStream).OpenStream();
 
   EXPECT_EQ(Of(kStream).streams_open(), 2u);
   ends.OnCallEnded(absl::StatusCode::kCancelled, absl::Hours(1));
@@ -105,8 +105,8 @@ TEST_F(CallCountersTest, StreamIsOpenUntilItsEnd) {
 }
 
 TEST_F(CallCountersTest, NumberThatIsNoCodeCountsAsUnknown) {
-  counters_.ForCall(kPath).OnCallEnded(static_cast<absl::StatusCode>(17), absl::ZeroDuration());
-  counters_.ForCall(kPath).OnCallEnded(static_cast<absl::StatusCode>(-1), absl::ZeroDuration());
+  counters_.Of(kPath).calls.OnCallEnded(static_cast<absl::StatusCode>(17), absl::ZeroDuration());
+  counters_.Of(kPath).calls.OnCallEnded(static_cast<absl::StatusCode>(-1), absl::ZeroDuration());
 
   EXPECT_EQ(Count(Of(kPath).calls, absl::StatusCode::kUnknown), 2u);
 }

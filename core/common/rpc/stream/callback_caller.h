@@ -16,6 +16,7 @@ namespace varnic {
 // how the question ended. A call ends in exactly one callback:
 //
 //   on_response        the client answered
+//   INVALID_ARGUMENT   the key or the request has text that is no UTF-8: nothing is sent
 //   NOT_FOUND          nobody answers for the key
 //   RESOURCE_EXHAUSTED the stream that answers for the key has too many open calls
 //   DEADLINE_EXCEEDED  the time was up; a late answer is dropped, and the client is told

@@ -156,6 +156,15 @@ class CallbackCallerWithStreamTest : public CallbackCallerTest {
   FileStream stream_{service_};
 };
 
+TEST_F(CallbackCallerWithStreamTest, QuestionWithTextThatIsNoUtf8IsNotSent) {
+  Ask("/tmp/\xff");
+  EXPECT_THAT(ends_, IsEmpty());  // Not inside the call.
+  scheduler_.RunPosted();
+
+  EXPECT_THAT(ends_, ElementsAre("/tmp/\xff INVALID_ARGUMENT"));
+  EXPECT_THAT(Sent(stream_), IsEmpty());
+}
+
 TEST_F(CallbackCallerWithStreamTest, SendsTheQuestionWithItsKeyAndItsId) {
   rpc::CanAccessFile::Request request;
   request.set_path("/etc/hosts");

@@ -11,9 +11,11 @@
 #include <utility>
 #include <vector>
 
+#include "base/logging.h"
 #include "core/common/rpc/abstract_stream.h"
 #include "core/common/rpc/fatal.h"
 #include "core/common/rpc/message_registry.h"
+#include "core/common/rpc/readable_payload.h"
 #include "core/common/rpc/shared_event.h"
 #include "core/common/rpc/stream/event_stream.h"
 #include "core/common/rpc/stream_channel.h"
@@ -43,6 +45,9 @@ class EventPublisher final : private AbstractStream::EndObserver {
   // If T has a field `profile_id` of the key's type, what is sent carries the key there. The event
   // is serialised once and its bytes are shared. Returns how many streams took it. `key` is lent
   // for the call; it must not be one that the registry owns.
+  //
+  // An event with text that is no UTF-8 is not sent to anyone, with a warning in the log: clients
+  // could not read it.
   std::size_t Publish(const google::protobuf::Message& key, const T& event);
 
   // Publishes `event` under every key that has subscribers. Returns how many events streams took: a
@@ -68,6 +73,7 @@ class EventPublisher final : private AbstractStream::EndObserver {
   // Whether `stream`, which may be gone, is there and subscribed under `key`.
   static bool IsSubscribed(const google::protobuf::Message& key, Stream* stream);
   static SharedEvent Serialize(const T& event, const google::protobuf::Message& key);
+  static void WarnOfUnreadable();
 
   int publishing_ = 0;             // How many times Publish() is on the stack.
   std::vector<Stream*> snapshot_;  // Empty between two operations; kept for its memory.
@@ -78,10 +84,14 @@ std::size_t EventPublisher<T>::Publish(const google::protobuf::Message& key, con
   const auto entry = Stream::stream_map_.find(&key);
   if (entry == Stream::stream_map_.end()) return 0;
 
+  const SharedEvent shared = Serialize(event, key);
+  if (!IsReadable(event, shared.payload())) {
+    WarnOfUnreadable();
+    return 0;
+  }
   // The set may change while this sends, and Publish() may come back in.
   std::vector<Stream*> snapshot = std::move(snapshot_);
   snapshot.assign(entry->second.begin(), entry->second.end());
-  const SharedEvent shared = Serialize(event, key);
   std::size_t taken = 0;
   ++publishing_;
   for (Stream* stream : snapshot) {
@@ -140,6 +150,13 @@ SharedEvent EventPublisher<T>::Serialize(const T& event, const google::protobuf:
     }
   }
   return SharedEvent(event, key);
+}
+
+template <class T>
+void EventPublisher<T>::WarnOfUnreadable() {
+  if (!logging::ShouldCreateLogMessage(logging::LOGGING_WARNING)) return;
+  logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_WARNING).stream()
+      << "An event with text that is no UTF-8 is not sent: " << T::descriptor()->full_name();
 }
 
 }  // namespace varnic

@@ -121,6 +121,19 @@ TEST_F(EventPublisherTest, SendsToTheSubscribersOfAKeyOfEqualContent) {
   second->OnCompleted();
 }
 
+TEST_F(EventPublisherTest, EventWithTextThatIsNoUtf8IsSentToNobody) {
+  NetworkPublisher publisher;
+  ServedStream<NetworkStream> stream(service_);
+  stream->Subscribe(Profile("work"));
+  rpc::NetworkChanged event;
+  event.add_interfaces()->set_name("eth\xff");
+
+  EXPECT_EQ(publisher.Publish(Profile("work"), event), 0u);
+
+  EXPECT_THAT(Keys(stream), IsEmpty());
+  stream->OnCompleted();
+}
+
 TEST_F(EventPublisherTest, ReachesNobodyWhereNobodySubscribed) {
   NetworkPublisher publisher;
   ServedStream<NetworkStream> stream(service_);

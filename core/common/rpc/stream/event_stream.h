@@ -88,9 +88,7 @@ void EventStream<T>::OnCompleted() {
   // is the selection rule that the host's side is written to.
   std::set<const google::protobuf::Message*> keys;
   for (const auto& [key, streams] : stream_map_) {
-    std::set<EventStream<T>*> others = streams;
-    others.erase(this);
-    if (others.empty()) keys.insert(key);
+    if (streams.size() == streams.count(this)) keys.insert(key);
   }
   for (const google::protobuf::Message* key : keys) Unsubscribe(*key);
   Complete();

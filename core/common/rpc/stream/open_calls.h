@@ -1,6 +1,8 @@
 #ifndef CORE_COMMON_RPC_STREAM_OPEN_CALLS_H_
 #define CORE_COMMON_RPC_STREAM_OPEN_CALLS_H_
 
+#include <google/protobuf/arena.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -8,7 +10,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
-#include <optional>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -17,6 +19,7 @@
 #include "absl/time/time.h"
 #include "core/common/rpc/abstract_stream.h"
 #include "core/common/rpc/message_registry.h"
+#include "core/common/rpc/readable_payload.h"
 #include "core/common/rpc/scheduler.h"
 #include "core/common/rpc/stream/callback_stream.h"
 #include "core/common/rpc/stream/late_callbacks.h"
@@ -70,7 +73,7 @@ class OpenCalls final : public AbstractStream::EndObserver,
 
   void OnAnswered(CallId id, const T& message);
   void OnFailed(CallId id, int code);
-  void OnDropped(CallId id) { EndLater(id, absl::UnavailableError("the client's stream is gone")); }
+  void OnDropped(CallId id);
   void OnStreamEnded(const AbstractStream* stream) override;
   void PostPutOffWork();
 
@@ -86,20 +89,23 @@ class OpenCalls final : public AbstractStream::EndObserver,
   struct OpenCall {
     Key key;
     Callbacks callbacks;
-    ::rpc::transport::StreamMessage question;  // Until it is sent.
+    std::string question;  // Until it is sent.
     std::unique_ptr<Scheduler::Timer> timer;
     Stream* stream = nullptr;  // In whose table the call stands.
   };
   class Ticket;
   class Walk;
 
-  // How a call begins.
+  // How a call begins. Empty if the client could not read the question.
+  static std::string Question(const Key& key, const Request& request, CallId id);
   void Enter(CallId id);
-  void EnterInTable(Stream& stream, const Key& key, CallId id);
+  // False if there is a call of that id already.
+  bool EnterInTable(Stream& stream, const Key& key, CallId id);
   bool Send(Stream& stream, const ::rpc::transport::StreamMessage& envelope);
 
   // How it ends.
-  std::optional<OpenCall> Take(CallId id);
+  using TakenCall = typename std::map<CallId, OpenCall>::node_type;
+  TakenCall Take(CallId id);  // Empty if it has ended.
   void OnDeadline(CallId id);
   void EndLater(CallId id, const absl::Status& status);
   bool Abandon(CallId id, const absl::Status& status);
@@ -174,6 +180,26 @@ class OpenCalls<T>::Ticket {
 };
 
 template <class T>
+std::string OpenCalls<T>::Question(const Key& key, const Request& request, CallId id) {
+  // Most questions are small: their parts need no memory of their own.
+  alignas(std::max_align_t) char memory[1024];
+  google::protobuf::ArenaOptions options;
+  options.initial_block = memory;
+  options.initial_block_size = sizeof(memory);
+  google::protobuf::Arena arena(options);
+  T& question = *google::protobuf::Arena::CreateMessage<T>(&arena);
+  *question.mutable_profile_id() = key;
+  *question.mutable_request() = request;
+  std::string payload = question.SerializeAsString();
+  if (!IsReadable(question, payload)) return std::string();
+  // Behind the rest, to which it belongs for every parser: with it, no payload would look plain.
+  T& number = *google::protobuf::Arena::CreateMessage<T>(&arena);
+  number.set_call_id(id);
+  number.AppendToString(&payload);
+  return payload;
+}
+
+template <class T>
 CallId OpenCalls<T>::Start(const Key& key, const Request& request, Callbacks callbacks,
                            absl::Duration timeout) {
   const CallId id = FreeId(key);
@@ -183,16 +209,14 @@ CallId OpenCalls<T>::Start(const Key& key, const Request& request, Callbacks cal
     });
     return id;
   }
-  T question;
-  *question.mutable_profile_id() = key;
-  *question.mutable_request() = request;
-  question.set_call_id(id);
-
   OpenCall& call = calls_[id];
   call.key = key;
   call.callbacks = std::move(callbacks);
-  call.question.set_payload(question.SerializeAsString());
-  call.question.set_call_id(id);
+  call.question = Question(key, request, id);
+  if (call.question.empty()) {  // Others have an id in them.
+    EndLater(id, absl::InvalidArgumentError("the question has text that is no UTF-8"));
+    return id;
+  }
   if (timeout != absl::InfiniteDuration()) {
     call.timer = scheduler_.RunAfter(timeout, [weak = this->weak_from_this(), id] {
       if (const auto calls = weak.lock()) calls->OnDeadline(id);
@@ -220,12 +244,12 @@ void OpenCalls<T>::Close() {
 template <class T>
 void OpenCalls<T>::OnAnswered(CallId id, const T& message) {
   const Walk walk;
-  std::optional<OpenCall> call = Take(id);
+  TakenCall call = Take(id);
   if (!call) return;
   if (sending_ == 0) {
-    call->callbacks.on_response(message.response());
+    call.mapped().callbacks.on_response(message.response());
   } else {
-    ends_.Add([callbacks = std::move(call->callbacks), response = message.response()] {
+    ends_.Add([callbacks = std::move(call.mapped().callbacks), response = message.response()] {
       callbacks.on_response(response);
     });
   }
@@ -242,8 +266,14 @@ void OpenCalls<T>::OnFailed(CallId id, int code) {
     return;
   }
   const Walk walk;
-  const std::optional<OpenCall> call = Take(id);
-  if (call) call->callbacks.on_error(status);
+  const TakenCall call = Take(id);
+  if (call) call.mapped().callbacks.on_error(status);
+}
+
+template <class T>
+void OpenCalls<T>::OnDropped(CallId id) {
+  if (calls_.count(id) == 0) return;  // As for every call that has ended well.
+  EndLater(id, absl::UnavailableError("the client's stream is gone"));
 }
 
 template <class T>
@@ -270,12 +300,13 @@ void OpenCalls<T>::Enter(CallId id) {
     EndLater(id, absl::NotFoundError("nobody answers for {" + call.key.ShortDebugString() + "}"));
   } else if (CountCalls(*stream) >= options_.max_open_calls_per_stream) {
     EndLater(id, absl::ResourceExhaustedError("the client has too many open calls"));
-  } else if (IsPending(stream, call.key, id)) {
+  } else if (!EnterInTable(*stream, call.key, id)) {
     EndLater(id, absl::AlreadyExistsError("somebody else has taken the call's id"));
   } else {
-    EnterInTable(*stream, call.key, id);
     call.stream = stream;
-    const ::rpc::transport::StreamMessage question = std::move(call.question);
+    ::rpc::transport::StreamMessage question;
+    question.set_payload(std::move(call.question));
+    question.set_call_id(id);
     if (!Send(*stream, question)) {
       Abandon(id, absl::UnavailableError("the client's stream cannot be written to"));
     }
@@ -283,15 +314,18 @@ void OpenCalls<T>::Enter(CallId id) {
 }
 
 template <class T>
-void OpenCalls<T>::EnterInTable(Stream& stream, const Key& key, CallId id) {
+bool OpenCalls<T>::EnterInTable(Stream& stream, const Key& key, CallId id) {
   auto entry = stream.pending_calls_.find(&key);
   if (entry == stream.pending_calls_.end()) {
     entry = stream.pending_calls_.try_emplace(CloneKey(key)).first;
   }
+  const auto [place, is_new] = entry->second.try_emplace(id);
+  if (!is_new) return false;
   const auto ticket = std::make_shared<const Ticket>(this->weak_from_this(), id);
-  auto& stream_call = entry->second[id];
+  auto& stream_call = place->second;
   stream_call.on_response = [ticket](const T& message) { ticket->Answer(message); };
   stream_call.on_error = [ticket](int code) { ticket->Fail(code); };
+  return true;
 }
 
 template <class T>
@@ -303,37 +337,37 @@ bool OpenCalls<T>::Send(Stream& stream, const ::rpc::transport::StreamMessage& e
 }
 
 template <class T>
-std::optional<typename OpenCalls<T>::OpenCall> OpenCalls<T>::Take(CallId id) {
-  const auto found = calls_.find(id);
-  if (found == calls_.end()) return std::nullopt;
-  std::optional<OpenCall> call(std::move(found->second));
-  calls_.erase(found);
-  call->timer.reset();
+typename OpenCalls<T>::TakenCall OpenCalls<T>::Take(CallId id) {
+  TakenCall call = calls_.extract(id);
+  if (call) call.mapped().timer.reset();
   return call;
 }
 
 template <class T>
 void OpenCalls<T>::OnDeadline(CallId id) {
-  const std::optional<OpenCall> call = Take(id);
+  const TakenCall call = Take(id);
   if (!call) return;
-  TakeOutOfTable(*call, id);
-  call->callbacks.on_error(absl::DeadlineExceededError("the client did not answer in time"));
+  TakeOutOfTable(call.mapped(), id);
+  call.mapped().callbacks.on_error(
+      absl::DeadlineExceededError("the client did not answer in time"));
 }
 
 // For a call that stands in no table, or in one that is letting it go.
 template <class T>
 void OpenCalls<T>::EndLater(CallId id, const absl::Status& status) {
-  std::optional<OpenCall> call = Take(id);
+  TakenCall call = Take(id);
   if (!call) return;
-  ends_.Add([callbacks = std::move(call->callbacks), status] { callbacks.on_error(status); });
+  ends_.Add(
+      [callbacks = std::move(call.mapped().callbacks), status] { callbacks.on_error(status); });
 }
 
 template <class T>
 bool OpenCalls<T>::Abandon(CallId id, const absl::Status& status) {
-  std::optional<OpenCall> call = Take(id);
+  TakenCall call = Take(id);
   if (!call) return false;
-  TakeOutOfTable(*call, id);
-  ends_.Add([callbacks = std::move(call->callbacks), status] { callbacks.on_error(status); });
+  TakeOutOfTable(call.mapped(), id);
+  ends_.Add(
+      [callbacks = std::move(call.mapped().callbacks), status] { callbacks.on_error(status); });
   return true;
 }
 
