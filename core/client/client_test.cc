@@ -1,7 +1,6 @@
 #include "core/client/client.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <functional>
 #include <memory>
@@ -10,103 +9,14 @@
 #include <vector>
 
 #include "absl/strings/match.h"
-#include "absl/strings/str_cat.h"
-#include "core/net/frame_message.h"
-#include "core/net/http2_connection.h"
-#include "core/net/socket_stream.h"
+#include "core/client/testing/scripted_server.h"
 #include "rpc/profile/profile.rpc.h"
 
 namespace varnic {
 namespace {
 
-std::string NewSocketAddress() {
-  static int number = 0;
-  return absl::StrCat("unix:", ::testing::TempDir(), "client_", getpid(), "_", ++number);
-}
-
-// A server on the client's own loop, which answers each request as the test says.
-class ScriptedServer {
- public:
-  using Script = std::function<void(net::Http2Session& session, net::StreamId stream_id)>;
-
-  ScriptedServer(net::EventLoop& loop, const std::string& address) : loop_(loop) {
-    auto listener = net::Listener::Listen(
-        loop, *net::Address::Parse(address), [this](std::unique_ptr<net::ByteStream> stream) {
-          ++accepted;
-          connections_.push_back(std::make_unique<Connection>(*this, std::move(stream)));
-        });
-    EXPECT_TRUE(listener.ok()) << listener.status();
-    listener_ = *std::move(listener);
-  }
-
-  // Closes all connections, and accepts new ones.
-  void CloseConnections() { connections_.clear(); }
-
-  Script script = [](net::Http2Session& session, net::StreamId stream_id) {
-    Answer(session, stream_id, "good");
-  };
-  int accepted = 0;
-  int requests = 0;
-  int resets = 0;  // Those of the client's calls that it did not let end.
-
-  // Parts of an answer.
-  static void SendMessage(net::Http2Session& session, net::StreamId stream_id,
-                          const std::string& text) {
-    google::protobuf::StringValue value;
-    value.set_value(text);
-    session.SendData(stream_id, net::FrameMessage(value), /*end_stream=*/false);
-  }
-  static void Answer(net::Http2Session& session, net::StreamId stream_id, const std::string& text) {
-    session.SendHeaders(stream_id, {{":status", "200"}, {"content-type", "application/grpc"}},
-                        /*end_stream=*/false);
-    SendMessage(session, stream_id, text);
-    session.SendTrailers(stream_id, {{"grpc-status", "0"}});
-  }
-
- private:
-  class Request : public net::Http2Session::Handler {
-   public:
-    Request(ScriptedServer& server, net::Http2Session& session, net::StreamId stream_id)
-        : server_(server), session_(session), stream_id_(stream_id) {}
-
-   private:
-    void OnHeaders(const net::HeaderList& /*headers*/) override {}
-    void OnData(std::string_view /*chunk*/) override {}
-    void OnRemoteEnd() override {
-      ++server_.requests;
-      server_.script(session_, stream_id_);
-    }
-    void OnClosed(net::Http2Error error) override {
-      if (error == net::Http2Error::kCancel) ++server_.resets;
-    }
-
-    ScriptedServer& server_;
-    net::Http2Session& session_;
-    const net::StreamId stream_id_;
-  };
-
-  class Connection : private net::Http2Connection::Visitor {
-   public:
-    Connection(ScriptedServer& server, std::unique_ptr<net::ByteStream> stream)
-        : server_(server),
-          http2_(server.loop_, std::move(stream), net::Http2Session::Role::kServer,
-                 net::Http2Options(), *this) {}
-
-   private:
-    std::unique_ptr<net::Http2Session::Handler> OnNewStream(net::StreamId stream_id) override {
-      return std::make_unique<Request>(server_, http2_.session(), stream_id);
-    }
-    void OnGoaway() override {}
-    void OnConnectionClosed(const absl::Status& /*status*/) override {}
-
-    ScriptedServer& server_;
-    net::Http2Connection http2_;
-  };
-
-  net::EventLoop& loop_;
-  std::vector<std::unique_ptr<Connection>> connections_;
-  std::unique_ptr<net::Listener> listener_;
-};
+using testing::NewClientTestAddress;
+using testing::ScriptedServer;
 
 void Keep(net::Http2Session& /*session*/, net::StreamId /*stream_id*/) {}
 
@@ -146,7 +56,7 @@ class ClientTest : public ::testing::Test {
     }
   }
 
-  const std::string address_ = NewSocketAddress();
+  const std::string address_ = NewClientTestAddress();
   net::EventLoop loop_;
   std::unique_ptr<ScriptedServer> server_ = std::make_unique<ScriptedServer>(loop_, address_);
   std::unique_ptr<Client> client_ = std::make_unique<Client>(loop_, address_);
@@ -470,11 +380,6 @@ class ClientAnswerTest : public ClientTest {
     EXPECT_EQ(path_.value(), "good");
     return status;
   }
-
-  static void SendGrpcHeaders(net::Http2Session& session, net::StreamId stream_id) {
-    session.SendHeaders(stream_id, {{":status", "200"}, {"content-type", "application/grpc"}},
-                        /*end_stream=*/false);
-  }
 };
 
 TEST_F(ClientAnswerTest, StatusAlone) {
@@ -491,7 +396,7 @@ TEST_F(ClientAnswerTest, StatusAlone) {
 
 TEST_F(ClientAnswerTest, StatusZeroWithoutAMessageIsInternal) {
   EXPECT_EQ(ResultOf([](net::Http2Session& session, net::StreamId stream_id) {
-              SendGrpcHeaders(session, stream_id);
+              ScriptedServer::SendHeaders(session, stream_id);
               session.SendTrailers(stream_id, {{"grpc-status", "0"}});
             }),
             absl::InternalError("no answer, but status OK"));
@@ -499,7 +404,7 @@ TEST_F(ClientAnswerTest, StatusZeroWithoutAMessageIsInternal) {
 
 TEST_F(ClientAnswerTest, TwoMessagesAreInternal) {
   EXPECT_EQ(ResultOf([](net::Http2Session& session, net::StreamId stream_id) {
-              SendGrpcHeaders(session, stream_id);
+              ScriptedServer::SendHeaders(session, stream_id);
               ScriptedServer::SendMessage(session, stream_id, "one");
               ScriptedServer::SendMessage(session, stream_id, "two");
               session.SendTrailers(stream_id, {{"grpc-status", "0"}});
@@ -509,7 +414,7 @@ TEST_F(ClientAnswerTest, TwoMessagesAreInternal) {
 
 TEST_F(ClientAnswerTest, MessageThatDoesNotParseIsInternalWithItsType) {
   EXPECT_EQ(ResultOf([](net::Http2Session& session, net::StreamId stream_id) {
-              SendGrpcHeaders(session, stream_id);
+              ScriptedServer::SendHeaders(session, stream_id);
               session.SendData(stream_id, std::string("\0\0\0\0\1\xff", 6), /*end_stream=*/false);
               session.SendTrailers(stream_id, {{"grpc-status", "0"}});
             }),
@@ -526,7 +431,54 @@ TEST_F(ClientAnswerTest, WebPageIsNoAnswer) {
             kUnavailable);
 }
 
-TEST_F(ClientAnswerTest, RefusedStreamIsUnavailable) {
+TEST_F(ClientTest, CallThatTheServerRefusesOnceIsMadeAgain) {
+  server_->script = [&](net::Http2Session& session, net::StreamId stream_id) {
+    if (server_->requests == 1) return session.Reset(stream_id, net::Http2Error::kRefusedStream);
+    ScriptedServer::Answer(session, stream_id, "good");
+  };
+
+  EXPECT_EQ(CallAndWait(), absl::OkStatus());
+
+  EXPECT_EQ(server_->requests, 2);
+  EXPECT_EQ(path_.value(), "good");
+}
+
+TEST_F(ClientTest, CallThatAGoawayLeavesUnprocessedIsMadeAgainOnANewConnection) {
+  server_->script = [&](net::Http2Session& session, net::StreamId stream_id) {
+    if (server_->requests > 1) return ScriptedServer::Answer(session, stream_id, "good");
+    session.SendGoaway();
+    Call();  // Before the client has read that.
+  };
+  Call();
+
+  RunUntilEnded(1);
+
+  EXPECT_EQ(ended_, Codes{kOk});
+  EXPECT_EQ(path_.value(), "good");
+  EXPECT_EQ(server_->accepted, 2);
+  client_ = nullptr;  // And the first call, while there is something to hear of it.
+}
+
+TEST_F(ClientTest, CallThatWasRefusedAfterItsHeadersIsNotMadeAgain) {
+  net::Http2Session* session = nullptr;
+  net::StreamId stream_id = -1;
+  server_->script = [&](net::Http2Session& of_call, net::StreamId id) {
+    session = &of_call;
+    stream_id = id;
+    ScriptedServer::SendHeaders(of_call, id);
+  };
+  Call();
+  RunUntilRequested(1);
+  Settle();  // The headers have come.
+
+  session->Reset(stream_id, net::Http2Error::kRefusedStream);
+  RunUntilEnded(1);
+
+  EXPECT_EQ(ended_, Codes{kUnavailable});
+  EXPECT_EQ(server_->requests, 1);
+}
+
+TEST_F(ClientAnswerTest, StreamThatIsRefusedTwiceIsUnavailable) {
   EXPECT_EQ(ResultOf([](net::Http2Session& session, net::StreamId stream_id) {
               session.Reset(stream_id, net::Http2Error::kRefusedStream);
             }).code(),
@@ -535,7 +487,7 @@ TEST_F(ClientAnswerTest, RefusedStreamIsUnavailable) {
 
 TEST_F(ClientAnswerTest, EndWithoutAStatusIsAFailure) {
   EXPECT_FALSE(ResultOf([](net::Http2Session& session, net::StreamId stream_id) {
-                 SendGrpcHeaders(session, stream_id);
+                 ScriptedServer::SendHeaders(session, stream_id);
                  session.SendData(stream_id, "", /*end_stream=*/true);
                }).ok());
 }
