@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/common/rpc/fatal.h"
+#include "core/net/client_frames.h"
 #include "core/net/edge/flood_limits.h"
 #include "core/net/edge/frame_guard.h"
 #include "core/net/edge/token_bucket.h"
@@ -83,8 +84,8 @@ class GuardedClient {
       : input_(input),
         limits_(TakeLimits(input)),
         piece_size_(input.TakeBelow(20) + 1),
-        guard_(limits_, /*max_streams=*/0, /*counters=*/nullptr),
-        guard_of_pieces_(limits_, /*max_streams=*/0, /*counters=*/nullptr) {
+        frames_(limits_, /*max_streams=*/0, /*counters=*/nullptr),
+        frames_of_pieces_(limits_, /*max_streams=*/0, /*counters=*/nullptr) {
     VARNIC_CHECK(!Send(testing::kClientPreface).has_value());
   }
 
@@ -116,8 +117,8 @@ class GuardedClient {
         now_ += TakeDelay(input_);
         return true;
       case 1:
-        guard_.OnDataSent();
-        guard_of_pieces_.OnDataSent();
+        frames_.floods().OnDataSent();
+        frames_of_pieces_.floods().OnDataSent();
         ++exchanges_;
         return true;
       case 2:
@@ -132,14 +133,14 @@ class GuardedClient {
 
   void CheckWaiting() {
     const std::size_t frames = input_.TakeByte();
-    const bool broken = guard_.OnWaiting(frames).has_value();
+    const bool broken = frames_.floods().OnWaiting(frames).has_value();
     VARNIC_CHECK(broken == (frames > limits_.unread_answers));
   }
 
   bool SendReset() {
     const bool for_fault = input_.TakeBool();
-    const FrameGuard::Verdict verdict = guard_.OnResetSent(for_fault, now_);
-    VARNIC_CHECK(verdict == guard_of_pieces_.OnResetSent(for_fault, now_));
+    const FrameGuard::Verdict verdict = frames_.floods().OnResetSent(for_fault, now_);
+    VARNIC_CHECK(verdict == frames_of_pieces_.floods().OnResetSent(for_fault, now_));
     return Count(verdict, EdgeRule::kResets, for_fault ? 1 : 0, resets_, limits_.resets);
   }
 
@@ -213,10 +214,11 @@ class GuardedClient {
   static bool IsAnswered(int32_t stream_id) { return stream_id % 2 == 0; }
 
   FrameGuard::Verdict Send(std::string_view bytes) {
-    const FrameGuard::Verdict verdict = guard_.OnBytes(bytes, now_, IsAnswered);
+    const FrameGuard::Verdict verdict = frames_.Inspect(bytes, now_, IsAnswered).broken_rule;
     FrameGuard::Verdict of_pieces;
     while (!bytes.empty() && !of_pieces.has_value()) {
-      of_pieces = guard_of_pieces_.OnBytes(bytes.substr(0, piece_size_), now_, IsAnswered);
+      const std::string_view piece = bytes.substr(0, piece_size_);
+      of_pieces = frames_of_pieces_.Inspect(piece, now_, IsAnswered).broken_rule;
       bytes.remove_prefix(std::min(piece_size_, bytes.size()));
     }
     VARNIC_CHECK(verdict == of_pieces);
@@ -226,8 +228,8 @@ class GuardedClient {
   FuzzInput& input_;
   const FloodLimits limits_;
   const std::size_t piece_size_;
-  FrameGuard guard_;
-  FrameGuard guard_of_pieces_;
+  ClientFrames frames_;
+  ClientFrames frames_of_pieces_;
   Time now_;
   // What was let through.
   uint64_t exchanges_ = 0;

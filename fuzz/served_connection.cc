@@ -165,13 +165,12 @@ void ServedConnection::Ask(CallbackCaller<T>& caller, const std::string& profile
 // As RpcServer does.
 void ServedConnection::OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& head) {
   if (draining_) return call.Finish(absl::UnavailableError(kShuttingDown));
-  const auto method = services_.Find(head.path);
-  if (!method.ok()) return call.Finish(method.status());
-  if (method->handler != nullptr) return method->handler->OnCall(*method->descriptor, call);
-  if (method->descriptor->client_streaming() || method->descriptor->server_streaming()) {
-    return streams_.Open(*method, call, head);
-  }
-  UnaryCall::Start(*method, call, net::Metadata::FromHeaders(*head.headers), /*role=*/"");
+  const auto found = services_.Find(head.path);
+  if (!found.ok()) return call.Finish(found.status());
+  const ServiceTable::Method& method = **found;
+  if (method.handler != nullptr) return method.handler->OnCall(*method.descriptor, call);
+  if (method.is_stream()) return streams_.Open(method, call, head);
+  UnaryCall::Start(method, call, call.RequestMetadata(head), /*role=*/"");
 }
 
 void ServedConnection::OnConnectionClosed(net::GrpcServerConnection& /*connection*/,

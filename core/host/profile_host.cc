@@ -36,6 +36,14 @@ ProfileHost::~ProfileHost() {
   is_ending_ = true;
 }
 
+AbstractStream* ProfileHost::OpenStream(const google::protobuf::MethodDescriptor* method,
+                                        StreamChannel channel) {
+  if (method->output_type() == rpc::NetworkChanged::descriptor()) {
+    return network_.OpenStream(this, method, std::move(channel)).release();
+  }
+  return ProfileRpc::OpenStream(method, std::move(channel));
+}
+
 template <typename Value, typename Fill>
 void ProfileHost::Answer(RpcController* controller, Closure* done,
                          std::function<absl::StatusOr<Value>()> work, Fill fill) {

@@ -8,7 +8,7 @@
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
-#include "core/common/rpc/stream/event_publisher.h"
+#include "core/host/network_publisher.h"
 #include "core/host/task_thread.h"
 #include "core/host/user_agent.h"
 #include "core/host/user_data_dir.h"
@@ -39,6 +39,13 @@ class ProfileHost : public rpc::ProfileRpc {
   // (RpcServer::Post).
   ProfileHost(UserDataDir directory, ProfileHostOptions options, TaskThread::PostFunction post);
   ~ProfileHost() override;
+
+  // What the network is from now on, without a profile: goes to the clients of WhenNetworkChanged
+  // (see NetworkPublisher). A NetworkWatcher knows it; while nobody says it, nothing is published.
+  void OnNetworkState(const rpc::NetworkChanged& state) { network_.Update(state); }
+
+  AbstractStream* OpenStream(const google::protobuf::MethodDescriptor* method,
+                             StreamChannel channel) override;
 
   void Path(google::protobuf::RpcController* controller, const ProfileId* request,
             google::protobuf::StringValue* response, google::protobuf::Closure* done) override;
@@ -80,9 +87,7 @@ class ProfileHost : public rpc::ProfileRpc {
   const std::string browser_;
   std::optional<UserAgent> user_agent_;  // Task thread only.
   std::atomic<bool> is_ending_ = false;
-  // Publishes nothing yet. While it is there, streams that end leave the registry, also where they
-  // share a key with others.
-  EventPublisher<rpc::NetworkChanged> network_changes_;
+  NetworkPublisher network_;
   TaskThread tasks_;  // Last: its tasks use all of the above.
 };
 

@@ -17,6 +17,8 @@
 #include "core/server/server_controller.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "rpc/event_subscription.pb.h"
+#include "rpc/transport/stream_message.pb.h"
 
 namespace varnic::host {
 namespace {
@@ -259,6 +261,43 @@ TEST_F(ProfileHostTest, StreamsThatShareAKeyLeaveTheRegistryWhenTheyEnd) {
   for (auto& stream : streams) stream->OnCompleted();
 
   EXPECT_THAT(EventStream<rpc::NetworkChanged>::stream_map_, ::testing::IsEmpty());
+}
+
+TEST_F(ProfileHostTest, NetworkStateGoesToWhoeverSubscribesToIt) {
+  MakeHost();
+  const auto* method = rpc::ProfileRpc::descriptor()->FindMethodByName("WhenNetworkChanged");
+  ::varnic::testing::RecordingChannel channel;
+  const std::unique_ptr<AbstractStream> stream(host_->OpenStream(method, channel.Open()));
+  rpc::EventSubscription subscription;
+  subscription.mutable_key()->set_value("Other");
+  subscription.set_action(rpc::EventSubscription::SUBSCRIBE);
+  rpc::transport::StreamMessage message;
+  message.set_payload(subscription.SerializeAsString());
+  rpc::NetworkChanged state;
+
+  host_->OnNetworkState(state);
+  stream->OnNext(&message);
+  state.set_online(true);
+  host_->OnNetworkState(state);
+
+  ASSERT_EQ(channel.sent().size(), 2u);
+  rpc::NetworkChanged event;
+  EXPECT_TRUE(event.ParseFromString(channel.sent()[1].payload()));
+  EXPECT_TRUE(event.online());
+  EXPECT_EQ(event.profile_id().value(), "Other");
+  stream->OnCompleted();
+}
+
+TEST_F(ProfileHostTest, OtherStreamsAreThoseOfTheSkeleton) {
+  MakeHost();
+  const auto* method = rpc::ProfileRpc::descriptor()->FindMethodByName("OnCanAccessFile");
+  ::varnic::testing::RecordingChannel channel;
+
+  const std::unique_ptr<AbstractStream> stream(host_->OpenStream(method, channel.Open()));
+  ASSERT_NE(stream, nullptr);
+  stream->OnCompleted();
+
+  EXPECT_EQ(channel.completions(), 1);
 }
 
 }  // namespace
