@@ -1,9 +1,10 @@
 #include "tools/ctl_command.h"
 
 #include <google/protobuf/text_format.h>
-#include <google/protobuf/util/json_util.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 
 #include "absl/strings/numbers.h"
@@ -12,14 +13,15 @@
 #include "nlohmann/json.hpp"
 #include "rpc/profile/profile.rpc.h"
 #include "tools/command_line.h"
+#include "tools/connection_text.h"
+#include "tools/message_json.h"
+#include "tools/safe_text.h"
 
 namespace varnic::tools {
 namespace {
 
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
-
-constexpr absl::Duration kDefaultTimeout = absl::Seconds(10);
 
 // How a command's words and options become a request.
 using MakeRequest = absl::StatusOr<std::unique_ptr<Message>> (*)(const CommandLine& line);
@@ -104,27 +106,8 @@ const CommandSpec* FindCommand(const std::string& name) {
   return nullptr;
 }
 
-// The canonical name of a gRPC status, as it stands in gRPC's documents: "NOT_FOUND".
-std::string CodeName(absl::StatusCode code) {
-  return absl::StatusCodeToString(code);
-}
-
-std::string Hint(const CtlCommand& command, absl::StatusCode code) {
-  switch (code) {
-    case absl::StatusCode::kUnavailable:
-      return command.default_target
-                 ? "Is varnic-host running? Start it, or name another host with --target."
-                 : "Is a host listening there? varnic-host prints its addresses when it starts.";
-    case absl::StatusCode::kNotFound:
-      return "A profile's id is the name of its folder, such as Default; without an id, the "
-             "default profile is meant.";
-    case absl::StatusCode::kDeadlineExceeded:
-      return "The host may be busy; --timeout gives it longer.";
-    case absl::StatusCode::kUnimplemented:
-      return "The host does not serve this method; it may be older than this varnicctl.";
-    default:
-      return "";
-  }
+absl::Status UnknownCommand(const std::string& name) {
+  return absl::InvalidArgumentError(absl::StrCat("unknown command ", name));
 }
 
 // One field of an answer, without its name: "Chromium 156" for a brand, true for a flag.
@@ -142,8 +125,9 @@ std::string FormatValue(const Message& message, const FieldDescriptor& field, in
     return text;
   }
   if (field.cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
-    return field.is_repeated() ? reflection.GetRepeatedString(message, &field, index)
-                               : reflection.GetString(message, &field);
+    return EscapeUnprintable(field.is_repeated()
+                                 ? reflection.GetRepeatedString(message, &field, index)
+                                 : reflection.GetString(message, &field));
   }
   std::string text;
   google::protobuf::TextFormat::PrintFieldValueToString(message, &field, index, &text);
@@ -178,103 +162,122 @@ absl::Status ReadTls(const CommandLine& line, CtlCommand& command) {
   return absl::OkStatus();
 }
 
+std::vector<OptionSpec> OptionSpecs() {
+  std::vector<OptionSpec> specs = {
+      {"target", true},      {"tls-ca", true},          {"tls-cert", true},
+      {"tls-key", true},     {"tls-server-name", true}, {"timeout", true},
+      {"json", false},       {"help", false},           {"version", false},
+      {"url", true},         {"incognito", false},      {"headless", false},
+      {"window-size", true}, {"window-position", true}};
+  for (const OptionSpec& spec : StreamOptionSpecs()) specs.push_back(spec);
+  return specs;
+}
+
+bool IsCommand(const std::string& name) {
+  return name == "help" || FindCommand(name) != nullptr || IsStreamCommand(name);
+}
+
+// "varnicctl help COMMAND", "varnicctl COMMAND --help", and both without a command.
+absl::Status ReadHelp(const CommandLine& line, CtlCommand& command) {
+  const bool by_word = !line.words.empty() && line.words.front() == "help";
+  command.help = by_word || line.Has("help");
+  const std::size_t index = by_word ? 1 : 0;
+  if (!command.help || index >= line.words.size()) return absl::OkStatus();
+  command.name = line.words[index];
+  return IsCommand(command.name) ? absl::OkStatus() : UnknownCommand(command.name);
+}
+
+// Each command has options of its own. Calls may have those of other calls.
+absl::Status CheckOptions(const CommandLine& line, const std::string& name) {
+  std::vector<std::string> wrong;
+  if (IsStreamCommand(name)) {
+    wrong = {"timeout", "url", "incognito", "headless", "window-size", "window-position"};
+  }
+  const std::vector<std::string> own = StreamOptionsOf(name);
+  for (const OptionSpec& spec : StreamOptionSpecs()) {
+    if (std::find(own.begin(), own.end(), spec.name) == own.end()) wrong.emplace_back(spec.name);
+  }
+  for (const std::string& option : wrong) {
+    if (!line.Has(option)) continue;
+    return absl::InvalidArgumentError(absl::StrCat(name, " has no option --", option));
+  }
+  return absl::OkStatus();
+}
+
+absl::Status ReadStream(const CommandLine& line, CtlCommand& command) {
+  absl::StatusOr<StreamCommand> stream = ParseStreamCommand(line);
+  if (!stream.ok()) return stream.status();
+  command.stream = *std::move(stream);
+  return absl::OkStatus();
+}
+
+absl::Status ReadTimeout(const CommandLine& line, CtlCommand& command) {
+  double timeout_seconds = absl::ToDoubleSeconds(kDefaultCallTimeout);
+  if (line.Has("timeout") &&
+      (!absl::SimpleAtod(line.Get("timeout", ""), &timeout_seconds) || !(timeout_seconds > 0))) {
+    return absl::InvalidArgumentError("--timeout has to be a number of seconds");
+  }
+  command.timeout = absl::Seconds(timeout_seconds);
+  return absl::OkStatus();
+}
+
+absl::Status ReadCall(const CommandLine& line, CtlCommand& command) {
+  if (absl::Status status = ReadTimeout(line, command); !status.ok()) return status;
+  const CommandSpec* spec = FindCommand(command.name);
+  if (spec == nullptr) return UnknownCommand(command.name);
+  if (line.words.size() < 1 + spec->required_words) {
+    return absl::InvalidArgumentError(absl::StrCat(command.name, " needs the languages to set"));
+  }
+  if (line.words.size() > 2 + spec->required_words) {
+    return absl::InvalidArgumentError(absl::StrCat("unexpected argument ", line.words.back()));
+  }
+  command.method = rpc::ProfileRpc::descriptor()->FindMethodByName(spec->method);
+  absl::StatusOr<std::unique_ptr<Message>> request = spec->make_request(line);
+  if (!request.ok()) return request.status();
+  command.request = *std::move(request);
+  return absl::OkStatus();
+}
+
 }  // namespace
 
 absl::StatusOr<CtlCommand> ParseCtlCommand(const std::vector<std::string>& arguments,
                                            const Environment& environment) {
-  const absl::StatusOr<CommandLine> line = ParseCommandLine(arguments, {{"target", true},
-                                                                        {"tls-ca", true},
-                                                                        {"tls-cert", true},
-                                                                        {"tls-key", true},
-                                                                        {"tls-server-name", true},
-                                                                        {"timeout", true},
-                                                                        {"json", false},
-                                                                        {"help", false},
-                                                                        {"version", false},
-                                                                        {"url", true},
-                                                                        {"incognito", false},
-                                                                        {"headless", false},
-                                                                        {"window-size", true},
-                                                                        {"window-position", true}});
+  const absl::StatusOr<CommandLine> line = ParseCommandLine(arguments, OptionSpecs());
   if (!line.ok()) return line.status();
 
   CtlCommand command;
-  command.help = line->Has("help");
   command.version = line->Has("version");
+  if (absl::Status status = ReadHelp(*line, command); !status.ok()) return status;
   if (command.help || command.version) return command;
   command.json = line->Has("json");
   command.default_target = !line->Has("target");
   command.target = line->Get("target", DefaultAddress(environment));
   if (absl::Status status = ReadTls(*line, command); !status.ok()) return status;
-  double timeout_seconds = absl::ToDoubleSeconds(kDefaultTimeout);
-  if (line->Has("timeout") &&
-      (!absl::SimpleAtod(line->Get("timeout", ""), &timeout_seconds) || !(timeout_seconds > 0))) {
-    return absl::InvalidArgumentError("--timeout has to be a number of seconds");
-  }
-  command.timeout = absl::Seconds(timeout_seconds);
-
   if (line->words.empty()) return absl::InvalidArgumentError("no command given");
   command.name = line->words.front();
-  const CommandSpec* spec = FindCommand(command.name);
-  if (spec == nullptr) {
-    return absl::InvalidArgumentError(absl::StrCat("unknown command ", command.name));
-  }
-  if (line->words.size() < 1 + spec->required_words) {
-    return absl::InvalidArgumentError(absl::StrCat(command.name, " needs the languages to set"));
-  }
-  if (line->words.size() > 2 + spec->required_words) {
-    return absl::InvalidArgumentError(absl::StrCat("unexpected argument ", line->words.back()));
-  }
-  command.method = rpc::ProfileRpc::descriptor()->FindMethodByName(spec->method);
-  absl::StatusOr<std::unique_ptr<Message>> request = spec->make_request(*line);
-  if (!request.ok()) return request.status();
-  command.request = *std::move(request);
+  if (absl::Status status = CheckOptions(*line, command.name); !status.ok()) return status;
+  absl::Status status =
+      IsStreamCommand(command.name) ? ReadStream(*line, command) : ReadCall(*line, command);
+  if (!status.ok()) return status;
   return command;
 }
 
-std::string CtlHelp(const Environment& environment) {
-  return absl::StrCat(R"(Usage: varnicctl [OPTION]... COMMAND [PROFILE]
-
-Calls a running varnic-host about a profile: its id, or nothing for the default
-profile.
-
-  path                           the profile's folder on the host's disk
-  name                           the name that a person gave it
-  is-incognito
-  is-default
-  create-browser                 open a browser in the profile; see below
-  get-accept-language            the languages that pages are asked for
-  set-accept-language LANGUAGES  set them: "fr-FR,fr,en"; the profile follows
-  get-user-agent
-  get-user-agent-metadata        the user-agent client hints
-
-  --target ADDRESS               the host: unix:PATH or HOST:PORT
-                                 Default: )",
-                      DefaultAddress(environment), R"(
-  --tls-ca FILE                  connect with TLS to a host with a certificate of
-                                 these roots, in PEM form. Default, if another
-                                 option for TLS is given: the system's roots
-  --tls-cert FILE                this client's certificate, in PEM form
-  --tls-key FILE                 its private key
-  --tls-server-name NAME         the name in the host's certificate.
-                                 Default: the host in ADDRESS
-  --timeout SECONDS              how long to wait for an answer. Default: )",
-                      absl::ToInt64Seconds(kDefaultTimeout), R"(
-  --json                         print answers and errors as JSON, a line each
-  --help                         print this text
-  --version                      print the version
-
-For create-browser:
-  --url URL                      what it shows first
-  --incognito
-  --headless
-  --window-size WIDTHxHEIGHT     in pixels
-  --window-position X,Y          on the screen, in pixels
-
-Exit status: 0 if the call was answered, 2 if the command line is wrong, and
-10 plus the gRPC status if the call failed: 13 for a bad argument, 15 for an
-unknown profile, 19 if the host cannot do it now, 24 if no host is there.
-)");
+std::string CtlHint(const CtlCommand& command, absl::StatusCode code) {
+  switch (code) {
+    case absl::StatusCode::kUnavailable:
+      return command.default_target
+                 ? "Is varnic-host running? Start it, or name another host with --target."
+                 : "Is a host listening there? varnic-host prints its addresses when it starts.";
+    case absl::StatusCode::kNotFound:
+      return "A profile's id is the name of its folder, such as Default; without an id, the "
+             "default profile is meant.";
+    case absl::StatusCode::kDeadlineExceeded:
+      return "The host may be busy; --timeout gives it longer.";
+    case absl::StatusCode::kUnimplemented:
+      return "The host does not serve this method; it may be older than this varnicctl.";
+    default:
+      return "";
+  }
 }
 
 std::string FormatAnswerForPeople(const Message& answer) {
@@ -290,27 +293,23 @@ std::string FormatAnswerForPeople(const Message& answer) {
 }
 
 std::string FormatAnswerAsJson(const Message& answer) {
-  google::protobuf::util::JsonPrintOptions options;
-  options.always_print_primitive_fields = true;
-  std::string text;
-  // Fails only for messages that hold others of unknown types; no answer does.
-  const auto status = google::protobuf::util::MessageToJsonString(answer, &text, options);
-  return (status.ok() ? text : "null") + "\n";
+  return MessageToJson(answer) + "\n";
 }
 
 std::string FormatFailureForPeople(const CtlCommand& command, const absl::Status& status) {
-  const std::string hint = Hint(command, status.code());
-  return absl::StrCat("varnicctl: ", command.name, ": ", status.message(), " (",
-                      CodeName(status.code()), ")\n", hint, hint.empty() ? "" : "\n");
+  const std::string hint = CtlHint(command, status.code());
+  return absl::StrCat(
+      "varnicctl: ", command.name, ": ", EscapeUnprintable(std::string(status.message())), " (",
+      absl::StatusCodeToString(status.code()), ")\n", hint, hint.empty() ? "" : "\n");
 }
 
 std::string FormatFailureAsJson(const absl::Status& status) {
-  const nlohmann::ordered_json error = {{"error",
-                                         {{"code", static_cast<int>(status.code())},
-                                          {"status", CodeName(status.code())},
-                                          {"message", std::string(status.message())}}}};
-  // A host may send any bytes as a text.
-  return error.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  return JsonLine({{"error", StatusToJson(status)}});
+}
+
+std::string OutputFailure(int error) {
+  return absl::StrCat("varnicctl: cannot write to the standard output: ", std::strerror(error),
+                      "\n");
 }
 
 }  // namespace varnic::tools

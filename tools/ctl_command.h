@@ -14,15 +14,20 @@
 #include "absl/time/time.h"
 #include "core/net/tls_context.h"
 #include "tools/default_paths.h"
+#include "tools/stream_command.h"
 
 namespace varnic::tools {
 
-// What varnicctl exits with. A call that failed exits with kCallFailed plus its gRPC status, so
-// that a script can tell "no such profile" (15) from "no host there" (24).
-enum CtlExitCode { kCtlOk = 0, kCtlUsage = 2, kCtlCallFailed = 10 };
+// What varnicctl exits with. A call, or a stream, that failed exits with kCtlCallFailed plus its
+// gRPC status, so that a script can tell "no such profile" (15) from "no host there" (24). A
+// long-running command that is stopped has done what it was to do.
+enum CtlExitCode { kCtlOk = 0, kCtlOutputFailed = 1, kCtlUsage = 2, kCtlCallFailed = 10 };
+
+constexpr absl::Duration kDefaultCallTimeout = absl::Seconds(10);
 
 // One invocation of varnicctl, understood but not carried out.
 struct CtlCommand {
+  // With the name of a command, or none.
   bool help = false;
   bool version = false;
   bool json = false;
@@ -31,9 +36,11 @@ struct CtlCommand {
   // Set by any option for TLS; and what the user wrote of it.
   std::optional<net::TlsClientOptions> tls;
   std::string tls_flags;
-  absl::Duration timeout = absl::InfiniteDuration();
   // As the user wrote it: "get-user-agent".
   std::string name;
+  // Of a command that runs until it is stopped; the rest is of one that makes a call.
+  std::optional<StreamCommand> stream;
+  absl::Duration timeout = absl::InfiniteDuration();
   const google::protobuf::MethodDescriptor* method = nullptr;
   std::unique_ptr<google::protobuf::Message> request;
 };
@@ -42,11 +49,11 @@ struct CtlCommand {
 absl::StatusOr<CtlCommand> ParseCtlCommand(const std::vector<std::string>& arguments,
                                            const Environment& environment);
 
-// What --help prints.
-std::string CtlHelp(const Environment& environment);
+// What a user may try when that has happened; empty if there is nothing to say.
+std::string CtlHint(const CtlCommand& command, absl::StatusCode code);
 
 // An answer for people: the value of a single-valued message alone; a line for each field of any
-// other; nothing for an empty one.
+// other; nothing for an empty one. No text in it breaks a line or reaches the terminal's controls.
 std::string FormatAnswerForPeople(const google::protobuf::Message& answer);
 // An answer for programs: the message's JSON form, in one line.
 std::string FormatAnswerAsJson(const google::protobuf::Message& answer);
@@ -54,6 +61,8 @@ std::string FormatAnswerAsJson(const google::protobuf::Message& answer);
 // Why a call failed and what to try, for people; and as one line of JSON.
 std::string FormatFailureForPeople(const CtlCommand& command, const absl::Status& status);
 std::string FormatFailureAsJson(const absl::Status& status);
+// That the standard output does not take what is written, with the system's error.
+std::string OutputFailure(int error);
 
 }  // namespace varnic::tools
 

@@ -78,6 +78,18 @@ TEST(CtlCommandTest, TimeoutIsInSeconds) {
   EXPECT_FALSE(Parse({"path", "--timeout", "nan"}).ok());
 }
 
+TEST(CtlCommandTest, HelpIsAnOptionOrACommandWithTheNameOfAnother) {
+  for (const auto& arguments : std::vector<std::vector<std::string>>{
+           {"help", "watch-network"}, {"watch-network", "--help"}, {"--help", "watch-network"}}) {
+    const auto command = Parse(arguments);
+    ASSERT_TRUE(command.ok()) << command.status();
+    EXPECT_TRUE(command->help);
+    EXPECT_EQ(command->name, "watch-network");
+  }
+  EXPECT_EQ(Parse({"help"})->name, "");
+  EXPECT_TRUE(Parse({"help"})->help);
+}
+
 TEST(CtlCommandTest, PeopleGetTheValueAlone) {
   google::protobuf::StringValue text;
   text.set_value("Grüße");
@@ -106,6 +118,28 @@ TEST(CtlCommandTest, PeopleGetALineForEachField) {
   EXPECT_THAT(text, HasSubstr("mobile: false\n"));
 }
 
+TEST(CtlCommandTest, AnswerForPeopleDoesNothingToTheTerminalAndKeepsToItsLine) {
+  google::protobuf::StringValue name;
+  name.set_value("My \\ profile\x1b[2J\nplatform: none\r\u202E");
+  rpc::UserAgentMetadata metadata;
+  metadata.add_brands()->set_brand("Chromium\x1b]0;title\x07");
+  metadata.set_platform("Linux\nmobile: true");
+
+  const std::string text = FormatAnswerForPeople(metadata);
+
+  EXPECT_EQ(FormatAnswerForPeople(name),
+            "My \\ profile\\x1b[2J\\nplatform: none\\r\\xe2\\x80\\xae\n");
+  EXPECT_THAT(text, HasSubstr("brands: Chromium\\x1b]0;title\\x07 \n"));
+  EXPECT_THAT(text, HasSubstr("platform: Linux\\nmobile: true\n"));
+}
+
+TEST(CtlCommandTest, AnswerForProgramsKeepsEveryCharacter) {
+  google::protobuf::StringValue name;
+  name.set_value("a\x1b[2J\nb");
+
+  EXPECT_EQ(FormatAnswerAsJson(name), "\"a\\u001b[2J\\nb\"\n");
+}
+
 TEST(CtlCommandTest, ProgramsGetJsonWithEveryField) {
   rpc::UserAgentMetadata metadata;
   metadata.set_platform("Linux");
@@ -124,10 +158,32 @@ TEST(CtlCommandTest, FailureTellsPeopleWhatToTry) {
             "Is varnic-host running? Start it, or name another host with --target.\n");
 }
 
+TEST(CtlCommandTest, FailureDoesNothingToTheTerminal) {
+  EXPECT_THAT(FormatFailureForPeople(CtlCommand(), absl::InternalError("\x1b[2J\n")),
+              HasSubstr("\\x1b[2J\\n (INTERNAL)\n"));
+}
+
 TEST(CtlCommandTest, FailureOfAnyBytesIsJson) {
   EXPECT_EQ(
       FormatFailureAsJson(absl::NotFoundError("\"x\" \xff")),
-      "{\"error\":{\"code\":5,\"status\":\"NOT_FOUND\",\"message\":\"\\\"x\\\" \xEF\xBF\xBD\"}}\n");
+      "{\"error\":{\"code\":5,\"status\":\"NOT_FOUND\",\"message\":\"\\\"x\\\" \\ufffd\"}}\n");
+}
+
+TEST(CtlCommandTest, FailureForProgramsDoesNothingToTheTerminal) {
+  const std::string line = FormatFailureAsJson(absl::InternalError("\xc2\x9b\x7f\u202E\n\x1b"));
+
+  for (const char c : line.substr(0, line.size() - 1)) EXPECT_TRUE(c >= ' ' && c < 0x7f) << line;
+  EXPECT_THAT(line, HasSubstr("\\u009b\\u007f\\u202e\\n\\u001b"));
+}
+
+TEST(CtlCommandTest, HelpOfAnUnknownCommandIsAnError) {
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"help", "frobnicate"}, {"frobnicate", "--help"}}) {
+    EXPECT_THAT(Parse(arguments).status().message(), HasSubstr("unknown command frobnicate"));
+  }
+  for (const char* name : {"path", "answer-auth", "help"}) {
+    EXPECT_TRUE(Parse({"help", name}).ok()) << name;
+  }
 }
 
 }  // namespace

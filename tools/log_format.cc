@@ -1,6 +1,5 @@
 #include "tools/log_format.h"
 
-#include <unicode/uchar.h>
 #include <unicode/utf8.h>
 
 #include <algorithm>
@@ -8,9 +7,9 @@
 
 #include "absl/status/status.h"
 #include "absl/strings/ascii.h"
-#include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "nlohmann/json.hpp"
+#include "tools/safe_text.h"
 
 namespace varnic::tools {
 namespace {
@@ -29,23 +28,6 @@ const Level& LevelOf(logging::LogSeverity severity) {
 
 std::string TimeText(absl::Time time) {
   return absl::FormatTime("%Y-%m-%dT%H:%M:%E3SZ", time, absl::UTCTimeZone());
-}
-
-// u_isprint() leaves out the characters that turn the direction of writing, too.
-std::string EscapeUnprintable(const std::string& text) {
-  std::string escaped;
-  const auto size = static_cast<int32_t>(text.size());
-  for (int32_t end = 0; end < size;) {
-    const int32_t begin = end;
-    UChar32 character = 0;
-    U8_NEXT(text.data(), end, size, character);
-    const auto from = static_cast<std::size_t>(begin);
-    const std::string bytes = text.substr(from, static_cast<std::size_t>(end) - from);
-    const bool printable =
-        character >= 0 && u_isprint(character) != 0 && character != 0x2028 && character != 0x2029;
-    absl::StrAppend(&escaped, printable ? bytes : absl::CHexEscape(bytes));
-  }
-  return escaped;
 }
 
 std::string TextLine(const LogRecord& record) {

@@ -15,6 +15,7 @@
 #include "absl/strings/str_cat.h"
 #include "absl/strings/str_join.h"
 #include "base/logging.h"
+#include "core/host/network_watcher.h"
 #include "core/host/profile_host.h"
 #include "core/host/user_data_dir.h"
 #include "core/net/address.h"
@@ -173,6 +174,14 @@ absl::Status CheckTls(const HostOptions& options) {
       absl::StrCat(options.tls_flags, ": ", context.status().message()));
 }
 
+// A sandbox may forbid it; everything else goes on without.
+void WatchNetwork(host::NetworkWatcher& network) {
+  const absl::Status status = network.Start();
+  if (status.ok()) return;
+  Log(logging::LOGGING_WARNING,
+      absl::StrCat("Network changes are not published", net::LogField("reason", Text(status))));
+}
+
 int Serve(const HostOptions& options, const std::vector<InheritedSocket>& inherited) {
   if (const absl::Status status = CheckTls(options); !status.ok()) return Fail(Text(status));
   absl::StatusOr<host::UserDataDir> directory = OpenUserData(options);
@@ -195,6 +204,10 @@ int Serve(const HostOptions& options, const std::vector<InheritedSocket>& inheri
       *std::move(directory), options.profiles,
       [&server](std::function<void()> task) { server.Post(std::move(task)); });
   server.AddService(profiles);
+  host::NetworkWatcher network(
+      server.loop(), server.scheduler(),
+      [&profiles](const rpc::NetworkChanged& state) { profiles.OnNetworkState(state); });
+  WatchNetwork(network);
   if (!options.policy.empty()) {
     const absl::Status status = server.UsePolicy(options.policy);
     if (!status.ok()) return Fail(absl::StrCat("--policy ", Text(status)));

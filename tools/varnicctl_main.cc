@@ -1,5 +1,7 @@
-// varnicctl: one call to a host, and its answer.
+// varnicctl: one call to a host and its answer, or one stream until it is stopped.
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -11,17 +13,24 @@
 #include "core/net/event_loop.h"
 #include "core/net/tls_context.h"
 #include "tools/ctl_command.h"
+#include "tools/ctl_help.h"
 #include "tools/default_paths.h"
+#include "tools/run_stream_command.h"
 #include "tools/version.h"
 
 namespace varnic::tools {
 namespace {
 
-void Print(const std::string& text) {
-  std::fputs(text.c_str(), stdout);
-}
 void PrintError(const std::string& text) {
   std::fputs(text.c_str(), stderr);
+}
+
+// Returns the exit status.
+int Print(const std::string& text) {
+  const bool written = std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+  if (written) return kCtlOk;
+  PrintError(OutputFailure(errno));
+  return kCtlOutputFailed;
 }
 
 absl::Status Call(const CtlCommand& command, google::protobuf::Message& answer) {
@@ -50,6 +59,7 @@ int Execute(const CtlCommand& command) {
     PrintError(absl::StrCat("varnicctl: ", problem, "\n"));
     return kCtlUsage;
   }
+  if (command.stream.has_value()) return RunStreamCommand(command);
   const std::unique_ptr<google::protobuf::Message> answer(
       google::protobuf::MessageFactory::generated_factory()
           ->GetPrototype(command.method->output_type())
@@ -60,8 +70,7 @@ int Execute(const CtlCommand& command) {
                             : FormatFailureForPeople(command, status));
     return kCtlCallFailed + static_cast<int>(status.code());
   }
-  Print(command.json ? FormatAnswerAsJson(*answer) : FormatAnswerForPeople(*answer));
-  return kCtlOk;
+  return Print(command.json ? FormatAnswerAsJson(*answer) : FormatAnswerForPeople(*answer));
 }
 
 int Main(const std::vector<std::string>& arguments) {
@@ -71,14 +80,8 @@ int Main(const std::vector<std::string>& arguments) {
         absl::StrCat("varnicctl: ", command.status().message(), "\nTry 'varnicctl --help'.\n"));
     return kCtlUsage;
   }
-  if (command->help) {
-    Print(CtlHelp(std::getenv));
-    return kCtlOk;
-  }
-  if (command->version) {
-    Print(absl::StrCat("varnicctl ", kVersion, "\n"));
-    return kCtlOk;
-  }
+  if (command->help) return Print(CtlHelp(command->name, std::getenv));
+  if (command->version) return Print(absl::StrCat("varnicctl ", kVersion, "\n"));
   return Execute(*command);
 }
 
@@ -86,5 +89,7 @@ int Main(const std::vector<std::string>& arguments) {
 }  // namespace varnic::tools
 
 int main(int argc, char** argv) {
+  // A reader that is gone is an error like others.
+  std::signal(SIGPIPE, SIG_IGN);
   return varnic::tools::Main(std::vector<std::string>(argv + 1, argv + argc));
 }

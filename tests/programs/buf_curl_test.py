@@ -194,14 +194,15 @@ class BufCurl(foreign.Scenarios):
         files = self.answer_for_files("P")
         credentials = self.answer_for_credentials("P")
         motd = {"path": "/etc/motd", "access": "READ"}
+        challenge = {"scheme": "basic", "realm": "Realm1", "firstAttempt": True}
         for method, request, stream, question, reply, response in (
             ("Path", {"value": "P"}, files, motd, {"allow": True}, "allowed"),
             ("Path", {"value": "P"}, files, motd, {"allow": False}, "refused"),
             ("CreateBrowser", profile("P") | {"url": "/x"}, files, motd | {"path": "/x"},
              {"allow": True}, {"value": "1"}),
-            ("GetUserAgent", {"value": "P"}, credentials, {"scheme": "basic"},
+            ("GetUserAgent", {"value": "P"}, credentials, challenge,
              {"username": "zoë", "password": "pass"}, "zoë:pass"),
-            ("GetUserAgent", {"value": "P"}, credentials, {"scheme": "basic"}, {"cancel": True},
+            ("GetUserAgent", {"value": "P"}, credentials, challenge, {"cancel": True},
              "cancel"),
         ):
             call = self.call(method, request)

@@ -32,7 +32,9 @@ constexpr absl::Duration kPatience = absl::Seconds(30);
 //   Path                  asks whether "/etc/motd" may be read: "allowed" or "refused"
 //   CreateBrowser         asks whether the file `url` may be read: browser 1 or 0
 //   GetAcceptLanguage     asks about "/etc/motd", for a millisecond
-//   GetUserAgent          asks for credentials: "user:password" or "cancel"
+//   GetUserAgent          asks for credentials: "user:password" or "cancel"; asks again, for
+//   another
+//                         realm, as long as the password is "wrong"
 //   IsDefault             whether it is the default profile
 //   IsIncognito           whether the client says so, in its metadata
 //   GetUserAgentMetadata  counts what is there, as brands with their numbers for versions
@@ -78,14 +80,7 @@ class StreamHost : public rpc::ProfileRpc {
 
   void GetUserAgent(RpcController* controller, const ProfileId* request, StringValue* response,
                     Closure* done) override {
-    rpc::Authenticate::Request question;
-    question.set_scheme("basic");
-    const auto on_response = [response, done](const rpc::Authenticate::Response& answer) {
-      response->set_value(
-          answer.cancel() ? "cancel" : absl::StrCat(answer.username(), ":", answer.password()));
-      done->Run();
-    };
-    credentials_.Call(*request, question, on_response, Fail(controller, done), kPatience);
+    AskForCredentials(controller, *request, /*attempt=*/1, response, done);
   }
 
   void IsDefault(RpcController* /*controller*/, const ProfileId* request, BoolValue* response,
@@ -139,6 +134,24 @@ class StreamHost : public rpc::ProfileRpc {
       done->Run();
     };
     files_.Call(profile, question, on_response, Fail(controller, done), timeout);
+  }
+
+  void AskForCredentials(RpcController* controller, const ProfileId& profile, int attempt,
+                         StringValue* response, Closure* done) {
+    rpc::Authenticate::Request question;
+    question.set_scheme("basic");
+    question.set_realm(absl::StrCat("Realm", attempt));
+    question.set_first_attempt(attempt == 1);
+    const auto on_response = [=](const rpc::Authenticate::Response& answer) {
+      if (answer.password() == "wrong") {
+        AskForCredentials(controller, profile, attempt + 1, response, done);
+        return;
+      }
+      response->set_value(
+          answer.cancel() ? "cancel" : absl::StrCat(answer.username(), ":", answer.password()));
+      done->Run();
+    };
+    credentials_.Call(profile, question, on_response, Fail(controller, done), kPatience);
   }
 
   void AskForMotd(RpcController* controller, const ProfileId& profile, absl::Duration timeout,
