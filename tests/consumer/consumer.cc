@@ -1,4 +1,4 @@
-// Derives from the skeleton, serves it, and calls it, with what is installed and nothing else.
+// Derives from two skeletons, serves and calls them, with what is installed and nothing else.
 
 #include <cstdio>
 #include <string>
@@ -7,11 +7,14 @@
 #include "core/client/client.h"
 #include "core/common/rpc/testing/recording_channel.h"
 #include "core/server/rpc_server.h"
+#include "notes/notes.client.h"
+#include "notes/notes.rpc.h"
+#include "rpc/profile/profile.client.h"
 #include "rpc/profile/profile.rpc.h"
 
 namespace {
 
-class Host : public rpc::ProfileRpc {
+class ProfileHost : public rpc::ProfileRpc {
  public:
   void Name(google::protobuf::RpcController* /*controller*/, const ProfileId* request,
             google::protobuf::StringValue* response, google::protobuf::Closure* done) override {
@@ -20,26 +23,37 @@ class Host : public rpc::ProfileRpc {
   }
 };
 
-bool CallOverASocket(Host& host) {
+class NotesHost : public notes::NotesRpc {
+ public:
+  void Read(google::protobuf::RpcController* /*controller*/, const ProfileId* request,
+            notes::Note* response, google::protobuf::Closure* done) override {
+    *response->mutable_profile_id() = *request;
+    response->set_text("remember");
+    done->Run();
+  }
+};
+
+bool CallOverASocket(ProfileHost& profiles, NotesHost& notes) {
   varnic::RpcServer server;
-  server.AddService(host);
+  server.AddService(profiles);
+  server.AddService(notes);
   const auto address = server.Listen("127.0.0.1:0");
   if (!address.ok()) return false;
   std::thread thread([&server] { server.Run(); });
 
   varnic::net::EventLoop loop;
   varnic::Client client(loop, *address);
-  ProfileId request;
-  request.set_value("one");
-  google::protobuf::StringValue response;
-  const auto status = client.CallAndWait(*rpc::ProfileRpc::descriptor()->FindMethodByName("Name"),
-                                         request, response, absl::Seconds(30));
+  ProfileId profile;
+  profile.set_value("one");
+  const auto name = rpc::ProfileClient(client).NameAndWait(profile, absl::Seconds(30));
+  const auto note = notes::NotesClient(client).ReadAndWait(profile, absl::Seconds(30));
   server.Post([&server] { server.Stop(); });
   thread.join();
-  return status.ok() && response.value() == "profile one";
+  return name.ok() && name->value() == "profile one" && note.ok() &&
+         note->profile_id().value() == "one" && note->text() == "remember";
 }
 
-bool OpenAStream(Host& host) {
+bool OpenAStream(ProfileHost& host) {
   varnic::testing::RecordingChannel channel;
   varnic::AbstractStream* stream =
       host.OpenStream(rpc::ProfileRpc::descriptor()->method(9), channel.Open());
@@ -51,8 +65,9 @@ bool OpenAStream(Host& host) {
 }  // namespace
 
 int main() {
-  Host host;
-  const bool passed = CallOverASocket(host) && OpenAStream(host);
+  ProfileHost profiles;
+  NotesHost notes;
+  const bool passed = CallOverASocket(profiles, notes) && OpenAStream(profiles);
   std::puts(passed ? "passed" : "failed");
   return passed ? 0 : 1;
 }
