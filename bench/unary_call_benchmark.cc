@@ -1,18 +1,17 @@
-// Unary calls from varnic::Client to a server in another thread, over real sockets.
+// Unary calls from a generated client to a server in another thread, over real sockets.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <memory>
+#include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "bench/echo_host.h"
 #include "core/client/client.h"
 #include "core/server/rpc_server.h"
-#include "rpc/profile/profile.rpc.h"
+#include "rpc/profile/profile.client.h"
 
 namespace varnic {
 namespace {
@@ -45,25 +44,23 @@ std::string UnixAddress() {
 // Keeps `outstanding` calls open; one step of the benchmark is one answer.
 void Calls(benchmark::State& state, const std::string& listen, int outstanding) {
   const RunningServer server(listen);
-  net::EventLoop loop;
-  Client client(loop, server.address());
-  const auto& method = *rpc::ProfileRpc::descriptor()->FindMethodByName("Name");
   ProfileId request;
   request.set_value(std::string(64, 'p'));
-  std::vector<google::protobuf::StringValue> responses(static_cast<std::size_t>(outstanding));
-
   int64_t answered = 0;
   bool failed = false;
-  std::function<void(google::protobuf::StringValue&)> call =
-      [&](google::protobuf::StringValue& response) {
-        client.Call(method, request, response, absl::InfiniteDuration(),
-                    [&](const absl::Status& status) {
-                      ++answered;
-                      failed = failed || !status.ok();
-                      if (!failed) call(response);
-                    });
-      };
-  for (auto& response : responses) call(response);
+  std::function<void()> call;
+  net::EventLoop loop;
+  Client client(loop, server.address());  // Its end is that of its calls, which use the above.
+  rpc::ProfileClient profiles(client);
+  call = [&] {
+    profiles.Name(request, absl::InfiniteDuration(), [&](const auto& name) {
+      ++answered;
+      failed = failed || !name.ok();
+      if (!failed) call();
+    });
+  };
+
+  for (int i = 0; i < outstanding; ++i) call();
   for (auto _ : state) {
     const int64_t before = answered;
     loop.RunUntil([&] { return answered != before || failed; });
