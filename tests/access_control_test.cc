@@ -15,6 +15,7 @@
 #include "core/net/testing/test_certificates.h"
 #include "core/server/rpc_server.h"
 #include "core/server/server_controller.h"
+#include "rpc/profile/profile.client.h"
 #include "rpc/profile/profile.rpc.h"
 
 namespace varnic {
@@ -51,10 +52,6 @@ class Witness : public rpc::ProfileRpc {
   ServerController* kept_controller = nullptr;
   google::protobuf::Closure* kept_done = nullptr;
 };
-
-const google::protobuf::MethodDescriptor& Method(const std::string& name) {
-  return *rpc::ProfileRpc::descriptor()->FindMethodByName(name);
-}
 
 class AccessControlTest : public ::testing::Test {
  protected:
@@ -98,12 +95,13 @@ class AccessControlTest : public ::testing::Test {
     EXPECT_EQ(server_.UsePolicy(folder_.Write("policy.json", json)), absl::OkStatus());
   }
 
-  // One call on a connection of its own.
+  // One call on a connection of its own, of any method: also of those that have no unary form.
   absl::Status Call(const std::string& address, const std::string& method,
                     const ClientOptions& options = {}) {
     Client client(server_.loop(), address, options);
     google::protobuf::StringValue response;
-    return client.CallAndWait(Method(method), ProfileId(), response, absl::Seconds(60));
+    return client.CallAndWait(*rpc::ProfileRpc::descriptor()->FindMethodByName(method), ProfileId(),
+                              response, absl::Seconds(60));
   }
 
   // A connection on which nothing is said.
@@ -163,8 +161,8 @@ TEST_F(AccessControlTest, CallOverPlainTcpIsNobodys) {
 TEST_F(AccessControlTest, ControllerKnowsTheCallerAlsoWhenTheConnectionIsGone) {
   {
     Client client(server_.loop(), Listen(UnixAddress()));
-    google::protobuf::BoolValue response;
-    client.Call(Method("IsDefault"), ProfileId(), response, absl::InfiniteDuration(), [](auto) {});
+    rpc::ProfileClient(client).IsDefault(ProfileId(), absl::InfiniteDuration(),
+                                         [](const auto& /*answer*/) {});
     server_.loop().RunUntil([&] { return witness_.kept_controller != nullptr; });
   }
   server_.loop().RunUntil([&] { return witness_.kept_controller->IsCanceled(); });
@@ -210,15 +208,15 @@ TEST_F(AccessControlTest, HandshakesCountAsConnections) {
   const auto first = ConnectInSilence(server.loop(), *tls);
   const auto second = ConnectInSilence(server.loop(), *tls);
   Client client(server.loop(), *tls, As("reader"));
-  google::protobuf::StringValue response;
+  const auto call_path = [](Client& caller) {
+    return rpc::ProfileClient(caller).PathAndWait(ProfileId(), absl::Seconds(60)).status();
+  };
 
   // Takes the place of the first, so that with the second there are two.
-  EXPECT_EQ(client.CallAndWait(Method("Path"), ProfileId(), response, absl::Seconds(60)),
-            absl::OkStatus());
+  EXPECT_EQ(call_path(client), absl::OkStatus());
   EXPECT_EQ(server.refused_connections(), 1u);
   Client third(server.loop(), *plain);
-  EXPECT_EQ(third.CallAndWait(Method("Path"), ProfileId(), response, absl::Seconds(60)).code(),
-            absl::StatusCode::kUnavailable);
+  EXPECT_EQ(call_path(third).code(), absl::StatusCode::kUnavailable);
 
   EXPECT_EQ(server.refused_connections(), 2u);
 }
@@ -245,12 +243,11 @@ TEST_F(AccessControlTest, TlsCarriesMessagesOfMegabytes) {
   Client client(server_.loop(), Listen("127.0.0.1:0", WithTls()), As("reader"));
   ProfileId request;
   request.set_value(std::string(3 << 20, 'x'));
-  google::protobuf::StringValue response;
 
-  EXPECT_EQ(client.CallAndWait(Method("Path"), request, response, absl::Seconds(60)),
-            absl::OkStatus());
+  const auto path = rpc::ProfileClient(client).PathAndWait(request, absl::Seconds(60));
 
-  EXPECT_TRUE(response.value() == request.value());
+  ASSERT_EQ(path.status(), absl::OkStatus());
+  EXPECT_TRUE(path->value() == request.value());
 }
 
 constexpr char kReaders[] = R"({

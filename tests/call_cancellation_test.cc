@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/client/client.h"
+#include "rpc/profile/profile.client.h"
 #include "tests/served_host.h"
 
 namespace varnic {
@@ -13,15 +14,12 @@ namespace {
 
 class CallCancellationTest : public ::testing::TestWithParam<const char*> {
  protected:
-  CallCancellationTest() { request_.set_value("kept"); }
-
   // Starts a call that the host keeps, and waits until it does.
   Client::CallId StartKeptCall(absl::Duration timeout = absl::InfiniteDuration()) {
-    const Client::CallId id = client_->Call(ProfileMethod("Path"), request_, response_, timeout,
-                                            [this](const absl::Status& status) {
-                                              status_ = status;
-                                              ++ends_;
-                                            });
+    const Client::CallId id = profiles().Path(kept_, timeout, [this](const auto& path) {
+      status_ = path.status();
+      ++ends_;
+    });
     EXPECT_EQ(CallOther(), absl::OkStatus());
     EXPECT_TRUE(host().WaitForKept(1));
     return id;
@@ -29,10 +27,10 @@ class CallCancellationTest : public ::testing::TestWithParam<const char*> {
 
   // Comes behind what was sent on the connection before.
   absl::Status CallOther() {
-    google::protobuf::StringValue path;
-    return client_->CallAndWait(ProfileMethod("Path"), ProfileId(), path, absl::InfiniteDuration());
+    return profiles().PathAndWait(ProfileId(), absl::InfiniteDuration()).status();
   }
 
+  rpc::ProfileClient profiles() { return rpc::ProfileClient(*client_); }
   TestHost& host() { return served_.host(); }
   void AnswerKept() {
     served_.RunOnServer([this] { host().AnswerKept(); });
@@ -41,8 +39,7 @@ class CallCancellationTest : public ::testing::TestWithParam<const char*> {
   ServedHost served_{GetParam()};
   net::EventLoop loop_;
   std::unique_ptr<Client> client_ = std::make_unique<Client>(loop_, served_.address());
-  ProfileId request_;
-  google::protobuf::StringValue response_;
+  const ProfileId kept_ = MakeProfileId("kept");
   absl::Status status_;
   int ends_ = 0;
 };
@@ -118,10 +115,8 @@ TEST_P(CallCancellationTest, LostConnectionReachesTheOverride) {
 
 TEST_P(CallCancellationTest, OneNotificationMayAnswerAllCallsOfALostConnection) {
   served_.RunOnServer([this] { host().AnswerWhenCancelled(); });
-  google::protobuf::StringValue response;
   for (int i = 0; i < 10; ++i) {
-    client_->Call(ProfileMethod("Path"), request_, response, absl::InfiniteDuration(),
-                  [](const absl::Status& /*status*/) {});
+    profiles().Path(kept_, absl::InfiniteDuration(), [](const auto& /*path*/) {});
   }
   ASSERT_EQ(CallOther(), absl::OkStatus());
 
@@ -147,15 +142,13 @@ TEST_P(CallCancellationTest, EndOfTheServerCancelsAndALaterAnswerIsHarmless) {
 TEST_P(CallCancellationTest, OneNotificationMayAnswerAllCallsOfAServerThatEnds) {
   served_.RunOnServer([this] { host().AnswerWhenCancelled(); });
   Client other(loop_, served_.address());
-  google::protobuf::StringValue response;
-  for (Client* client : {client_.get(), &other, client_.get(), &other}) {
-    client->Call(ProfileMethod("Path"), request_, response, absl::InfiniteDuration(),
-                 [this](const absl::Status& /*status*/) { ++ends_; });
+  rpc::ProfileClient both[] = {profiles(), rpc::ProfileClient(other)};
+  for (int i = 0; i < 4; ++i) {
+    both[i % 2].Path(kept_, absl::InfiniteDuration(), [this](const auto& /*path*/) { ++ends_; });
   }
-  ASSERT_EQ(CallOther(), absl::OkStatus());
-  google::protobuf::StringValue path;
-  ASSERT_EQ(other.CallAndWait(ProfileMethod("Path"), ProfileId(), path, absl::InfiniteDuration()),
-            absl::OkStatus());
+  for (rpc::ProfileClient& one : both) {
+    ASSERT_EQ(one.PathAndWait(ProfileId(), absl::InfiniteDuration()).status(), absl::OkStatus());
+  }
 
   served_.Stop();
   loop_.RunUntil([this] { return ends_ == 4; });

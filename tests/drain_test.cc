@@ -5,12 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "core/client/client.h"
 #include "core/net/frame_message.h"
 #include "core/net/testing/raw_http2_peer.h"
+#include "rpc/profile/profile.client.h"
 #include "rpc/profile/profile.rpc.h"
 #include "tests/raw_peer.h"
 #include "tests/served_host.h"
@@ -36,15 +38,13 @@ class FrameReader {
 
   // The bytes of a call of Path(), unsent.
   std::string PathCall(const std::string& profile) {
-    ProfileId request;
-    request.set_value(profile);
     const int32_t id = http2_.Request({{":method", "POST"},
                                        {":scheme", "http"},
                                        {":path", "/rpc.Profile/Path"},
                                        {":authority", "localhost"},
                                        {"te", "trailers"},
                                        {"content-type", "application/grpc"}});
-    http2_.Data(id, net::FrameMessage(request), /*end=*/true);
+    http2_.Data(id, net::FrameMessage(MakeProfileId(profile)), /*end=*/true);
     return http2_.Take();
   }
   void Send(const std::string& bytes) { socket_.Send(bytes); }
@@ -75,26 +75,20 @@ class FrameReader {
 
 class DrainTest : public ::testing::TestWithParam<const char*> {
  protected:
-  DrainTest() { kept_.set_value("kept"); }
-
   // Starts a call that the host keeps, and waits until it does.
   void StartKeptCall() {
-    client_.Call(ProfileMethod("Path"), kept_, response_, absl::InfiniteDuration(),
-                 [this](const absl::Status& status) {
-                   status_ = status;
-                   has_ended_ = true;
-                 });
+    profiles_.Path(MakeProfileId("kept"), absl::InfiniteDuration(),
+                   [this](const auto& path) { kept_ = path; });
     // Comes behind it on the connection.
     ASSERT_EQ(CallOther(), absl::OkStatus());
     ASSERT_TRUE(served_.host().WaitForKept(1));
   }
   absl::Status CallOther() {
-    google::protobuf::StringValue path;
-    return client_.CallAndWait(ProfileMethod("Path"), ProfileId(), path, absl::InfiniteDuration());
+    return profiles_.PathAndWait(ProfileId(), absl::InfiniteDuration()).status();
   }
   absl::Status EndOfKeptCall() {
-    loop_.RunUntil([this] { return has_ended_; });
-    return status_;
+    loop_.RunUntil([this] { return kept_.has_value(); });
+    return kept_->status();
   }
 
   void Drain(absl::Duration patience = absl::InfiniteDuration()) {
@@ -106,11 +100,9 @@ class DrainTest : public ::testing::TestWithParam<const char*> {
 
   ServedHost served_{GetParam()};
   net::EventLoop loop_;
+  std::optional<absl::StatusOr<google::protobuf::StringValue>> kept_;  // How the kept call ended.
   Client client_{loop_, served_.address()};
-  ProfileId kept_;
-  google::protobuf::StringValue response_;
-  absl::Status status_;
-  bool has_ended_ = false;
+  rpc::ProfileClient profiles_{client_};
 };
 
 INSTANTIATE_TEST_SUITE_P(Sockets, DrainTest, ::testing::Values("unix", "127.0.0.1:0"),
@@ -124,8 +116,8 @@ TEST_P(DrainTest, CallInFlightIsAnsweredAndThenTheServerStops) {
   Drain();
   AnswerKept();
 
-  EXPECT_EQ(EndOfKeptCall(), absl::OkStatus());
-  EXPECT_EQ(response_.value(), "/kept");
+  ASSERT_EQ(EndOfKeptCall(), absl::OkStatus());
+  EXPECT_EQ((*kept_)->value(), "/kept");
   EXPECT_TRUE(served_.WaitUntilStopped());
   EXPECT_EQ(served_.host().cancellations(), 0);
 }
@@ -157,7 +149,7 @@ TEST_P(DrainTest, NewCallOfAClientWithACallInFlightIsUnavailable) {
   Drain();
 
   EXPECT_EQ(CallOther().code(), absl::StatusCode::kUnavailable);
-  EXPECT_FALSE(has_ended_);
+  EXPECT_FALSE(kept_.has_value());
   AnswerKept();
   EXPECT_EQ(EndOfKeptCall(), absl::OkStatus());
 }

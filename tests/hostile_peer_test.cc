@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "core/client/client.h"
+#include "rpc/profile/profile.client.h"
 #include "tests/raw_peer.h"
 #include "tests/served_host.h"
 
@@ -340,12 +341,9 @@ TEST(FloodLimitsTest, AreOptionsOfTheServer) {
   if (read(address_pipe, address, sizeof(address) - 1) <= 0) _exit(1);
   net::EventLoop loop;
   Client client(loop, address);
-  ProfileId request;
-  request.set_value("kept");
-  google::protobuf::StringValue path;
+  rpc::ProfileClient profiles(client);
   for (int i = 0; i < 100; ++i) {
-    client.Call(ProfileMethod("Path"), request, path, absl::InfiniteDuration(),
-                [](const absl::Status& /*status*/) {});
+    profiles.Path(MakeProfileId("kept"), absl::InfiniteDuration(), [](const auto& /*path*/) {});
   }
   loop.Run();
   _exit(0);

@@ -14,7 +14,8 @@
 #include "core/net/frame_message.h"
 #include "core/net/testing/raw_http2_peer.h"
 #include "core/server/metrics/server_metrics.h"
-#include "rpc/profile/profile.rpc.h"
+#include "rpc/event_subscription.pb.h"
+#include "rpc/profile/profile.client.h"
 #include "tests/raw_peer.h"
 #include "tests/served_host.h"
 
@@ -53,9 +54,7 @@ class Reader {
     return id;
   }
   int32_t CallPath(const std::string& profile) {
-    ProfileId request;
-    request.set_value(profile);
-    return Call("Path", request, /*end=*/true);
+    return Call("Path", MakeProfileId(profile), /*end=*/true);
   }
   int32_t Subscribe(const std::string& profile) {
     rpc::EventSubscription subscription;
@@ -157,12 +156,9 @@ TEST_P(IdlePeerTest, ClientWhoseConnectionEndedConnectsAgainAndDoesNotNotice) {
   Serve();
   net::EventLoop loop;
   Client client(loop, address());
+  rpc::ProfileClient profiles(client);
   for (std::uint64_t call = 0; call < 2; ++call) {
-    ProfileId request;
-    google::protobuf::StringValue path;
-
-    EXPECT_EQ(client.CallAndWait(ProfileMethod("Path"), request, path, absl::Seconds(60)),
-              absl::OkStatus());
+    EXPECT_EQ(profiles.PathAndWait(ProfileId(), absl::Seconds(60)).status(), absl::OkStatus());
 
     while (CountEnds(EdgeRule::kIdle) <= call) {
     }
@@ -264,12 +260,10 @@ class IdleSubscriberTest : public IdlePeerTest {
   }
 
   void Publish(const std::string& profile, int count) {
-    ProfileId key;
-    key.set_value(profile);
     rpc::NetworkChanged event;
     event.set_online(true);
     served_->RunOnServer([&] {
-      for (int i = 0; i < count; ++i) publisher_->Publish(key, event);
+      for (int i = 0; i < count; ++i) publisher_->Publish(MakeProfileId(profile), event);
     });
   }
 

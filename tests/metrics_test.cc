@@ -15,7 +15,9 @@
 #include "base/logging.h"
 #include "core/client/client.h"
 #include "core/common/rpc/stream/event_publisher.h"
+#include "core/net/loop_clock.h"
 #include "core/server/metrics/server_metrics.h"
+#include "rpc/profile/profile.client.h"
 #include "rpc/profile/profile.rpc.h"
 #include "tests/http2_peer.h"
 #include "tests/served_host.h"
@@ -42,13 +44,6 @@ std::string Streams(const std::string& what, const std::string& more = "") {
 }
 std::string StreamsEnded(const std::string& code) {
   return Streams("ended_total", absl::StrCat(",code=\"", code, "\""));
-}
-
-std::string Subscription(const std::string& key) {
-  rpc::EventSubscription subscription;
-  subscription.mutable_key()->set_value(key);
-  subscription.set_action(rpc::EventSubscription::SUBSCRIBE);
-  return subscription.SerializeAsString();
 }
 
 class MetricsTest : public ::testing::Test {
@@ -88,18 +83,16 @@ class MetricsTest : public ::testing::Test {
   }
 
   absl::Status CallPath(const std::string& id) {
-    ProfileId request;
-    request.set_value(id);
-    google::protobuf::StringValue response;
-    return Client(loop_, served_.address())
-        .CallAndWait(ProfileMethod("Path"), request, response, absl::InfiniteDuration());
+    Client client(loop_, served_.address());
+    return rpc::ProfileClient(client)
+        .PathAndWait(MakeProfileId(id), absl::InfiniteDuration())
+        .status();
   }
   Http2Peer::Answer Exchange(const std::string& path, const Http2Peer::Headers& more = {}) {
     Http2Peer::Headers headers = Http2Peer::GrpcHeaders(path);
     headers.insert(headers.end(), more.begin(), more.end());
-    ProfileId request;
-    request.set_value("kept");
-    return Http2Peer(served_.address()).Exchange(headers, Framed(request.SerializeAsString()));
+    return Http2Peer(served_.address())
+        .Exchange(headers, Framed(MakeProfileId("kept").SerializeAsString()));
   }
 
   std::unique_ptr<StreamPeer::Stream> Subscribe(const std::string& key) {
@@ -111,9 +104,7 @@ class MetricsTest : public ::testing::Test {
     served_.RunOnServer([&] {
       rpc::NetworkChanged event;
       event.add_interfaces()->set_name(std::string(bytes, 'x'));
-      ProfileId profile;
-      profile.set_value(key);
-      publisher_->Publish(profile, event);
+      publisher_->Publish(MakeProfileId(key), event);
     });
   }
 
@@ -142,31 +133,29 @@ TEST_F(MetricsTest, UnaryCallsAreCountedByMethodAndCode) {
 }
 
 TEST_F(MetricsTest, CallThatTookTimeIsInItsBucket) {
+  const auto start = net::LoopClock::now();
   Exchange("/rpc.Profile/Path", {{"grpc-timeout", "30m"}});
+  const absl::Duration elapsed = net::LoopClock::Between(start, net::LoopClock::now());
 
   const std::string code = "DEADLINE_EXCEEDED";
   EXPECT_EQ(Value(PathCalls(code)), 1);
   EXPECT_EQ(Value(PathDurations("bucket", code, ",le=\"0.025\"")), 0);
   EXPECT_EQ(Value(PathDurations("bucket", code, ",le=\"+Inf\"")), 1);
   EXPECT_GE(Value(PathDurations("sum", code)), 0.03);
+  EXPECT_LE(Value(PathDurations("sum", code)), absl::ToDoubleSeconds(elapsed));
 }
 
 TEST_F(MetricsTest, CallsThatTheirClientGivesUpAreCancelled) {
-  ProfileId request;
-  request.set_value("kept");
-  google::protobuf::StringValue response;
   auto client = std::make_unique<Client>(loop_, served_.address());
+  rpc::ProfileClient profiles(*client);
   const auto start = [&] {
-    return client->Call(ProfileMethod("Path"), request, response, absl::InfiniteDuration(),
-                        [](const absl::Status& /*status*/) {});
+    return profiles.Path(MakeProfileId("kept"), absl::InfiniteDuration(),
+                         [](const auto& /*path*/) {});
   };
   const Client::CallId first = start();
   start();
   // Comes behind the two on their connection.
-  request.set_value("any");
-  google::protobuf::StringValue other;
-  ASSERT_TRUE(
-      client->CallAndWait(ProfileMethod("Path"), request, other, absl::InfiniteDuration()).ok());
+  ASSERT_TRUE(profiles.PathAndWait(MakeProfileId("any"), absl::InfiniteDuration()).ok());
 
   client->Cancel(first);
   WaitFor(PathCalls("CANCELLED"), 1);
@@ -268,13 +257,14 @@ TEST_F(MetricsTest, TextsThatAreNotUtf8AreCountedAndFillNoLog) {
   const absl::Time begin = absl::Now();
   const double before = Value("varnic_protobuf_complaints_total");
   Client client(loop_, served_.address());
+  const auto& method = *rpc::ProfileRpc::descriptor()->FindMethodByName("Path");
   google::protobuf::BytesValue request;  // To the host, a ProfileId.
   request.set_value("\xc3(");
   google::protobuf::StringValue response;
 
   for (int i = 0; i < 1000; ++i) {
     const absl::Status status =
-        client.CallAndWait(ProfileMethod("Path"), request, response, absl::InfiniteDuration());
+        client.CallAndWait(method, request, response, absl::InfiniteDuration());
     ASSERT_TRUE(absl::IsInternal(status)) << status;
   }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/client/client.h"
+#include "rpc/profile/profile.client.h"
 #include "tests/served_host.h"
 
 namespace varnic {
@@ -14,22 +15,17 @@ namespace {
 class ReconnectTest : public ::testing::Test {
  protected:
   absl::Status Call() {
-    google::protobuf::StringValue path;
-    return client_.CallAndWait(ProfileMethod("Path"), ProfileId(), path, absl::InfiniteDuration());
+    return profiles_.PathAndWait(ProfileId(), absl::InfiniteDuration()).status();
   }
 
   // Ends when the server's end has reached the client.
   absl::Status WaitForTheLossIn(ServedHost& served) {
-    ProfileId request;
-    request.set_value("kept");
-    google::protobuf::StringValue path;
     absl::Status status;
     bool ended = false;
-    client_.Call(ProfileMethod("Path"), request, path, absl::InfiniteDuration(),
-                 [&](const absl::Status& result) {
-                   status = result;
-                   ended = true;
-                 });
+    profiles_.Path(MakeProfileId("kept"), absl::InfiniteDuration(), [&](const auto& path) {
+      status = path.status();
+      ended = true;
+    });
     EXPECT_EQ(Call(), absl::OkStatus());
     served.Stop();
     loop_.RunUntil([&] { return ended; });
@@ -39,6 +35,7 @@ class ReconnectTest : public ::testing::Test {
   const std::string address_ = NewSocketAddress();
   net::EventLoop loop_;
   Client client_{loop_, address_};
+  rpc::ProfileClient profiles_{client_};
 };
 
 TEST_F(ReconnectTest, CallsFailWhileThereIsNoServerAndWorkOnceThereIs) {
@@ -67,23 +64,18 @@ TEST_F(ReconnectTest, OpenCallFailsWithTheServerAndTheNextOneMeetsItsSuccessor) 
 TEST_F(ReconnectTest, CallsFromTheCallbackOfALostCallGoToTheNextConnection) {
   auto first = std::make_unique<ServedHost>(address_);
   ASSERT_EQ(Call(), absl::OkStatus());
-  ProfileId request;
-  request.set_value("kept");
-  google::protobuf::StringValue path;
   absl::Status retried = absl::UnknownError("not retried");
   bool ended = false;
   std::unique_ptr<ServedHost> second;
-  client_.Call(ProfileMethod("Path"), request, path, absl::InfiniteDuration(),
-               [&](const absl::Status& status) {
-                 EXPECT_EQ(status.code(), absl::StatusCode::kUnavailable);
-                 first = nullptr;
-                 second = std::make_unique<ServedHost>(address_);
-                 client_.Call(ProfileMethod("Path"), ProfileId(), path, absl::InfiniteDuration(),
-                              [&](const absl::Status& result) {
-                                retried = result;
-                                ended = true;
-                              });
-               });
+  profiles_.Path(MakeProfileId("kept"), absl::InfiniteDuration(), [&](const auto& lost) {
+    EXPECT_EQ(lost.status().code(), absl::StatusCode::kUnavailable);
+    first = nullptr;
+    second = std::make_unique<ServedHost>(address_);
+    profiles_.Path(ProfileId(), absl::InfiniteDuration(), [&](const auto& path) {
+      retried = path.status();
+      ended = true;
+    });
+  });
   ASSERT_EQ(Call(), absl::OkStatus());
 
   first->Stop();

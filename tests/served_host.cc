@@ -9,6 +9,7 @@
 
 #include "absl/strings/str_cat.h"
 #include "core/client/client.h"
+#include "rpc/profile/profile.client.h"
 
 namespace varnic {
 namespace {
@@ -166,19 +167,19 @@ std::string NewSocketAddress() {
   return absl::StrCat("unix:", ::testing::TempDir(), "varnic_", getpid(), "_", ++number);
 }
 
-const google::protobuf::MethodDescriptor& ProfileMethod(const std::string& name) {
-  return *rpc::ProfileRpc::descriptor()->FindMethodByName(name);
+ProfileId MakeProfileId(const std::string& value) {
+  ProfileId id;
+  id.set_value(value);
+  return id;
 }
 
 absl::Status FreshCall(const std::string& address) {
   net::EventLoop loop;
   Client client(loop, address);
-  ProfileId request;
-  request.set_value("fresh");
-  google::protobuf::StringValue path;
-  absl::Status status = client.CallAndWait(ProfileMethod("Path"), request, path, absl::Seconds(60));
-  if (status.ok() && path.value() != "/profiles/fresh") return absl::InternalError(path.value());
-  return status;
+  const auto path =
+      rpc::ProfileClient(client).PathAndWait(MakeProfileId("fresh"), absl::Seconds(60));
+  if (path.ok() && path->value() != "/profiles/fresh") return absl::InternalError(path->value());
+  return path.status();
 }
 
 }  // namespace varnic

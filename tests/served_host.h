@@ -108,8 +108,7 @@ class ServedHost {
 // An address in the tests' own folder that no other test has.
 std::string NewSocketAddress();
 
-// The descriptor of a method of rpc.Profile.
-const google::protobuf::MethodDescriptor& ProfileMethod(const std::string& name);
+ProfileId MakeProfileId(const std::string& value);
 
 // How a new client's call of Path() for "fresh" ends: OK if the server is in good health.
 absl::Status FreshCall(const std::string& address);

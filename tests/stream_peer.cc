@@ -8,6 +8,8 @@
 #include "core/common/rpc/fatal.h"
 #include "core/net/address.h"
 #include "core/net/message_framing.h"
+#include "rpc/event_subscription.pb.h"
+#include "rpc/profile/profile.pb.h"
 
 namespace varnic {
 namespace {
@@ -97,6 +99,21 @@ void StreamPeer::OnGoaway(net::GrpcClientConnection& /*connection*/) {}
 void StreamPeer::OnConnectionClosed(net::GrpcClientConnection& /*connection*/,
                                     const absl::Status& /*status*/) {
   connection_ = nullptr;
+}
+
+std::string Subscription(const std::string& key, bool subscribe) {
+  ::rpc::EventSubscription subscription;
+  subscription.mutable_key()->set_value(key);
+  subscription.set_action(subscribe ? ::rpc::EventSubscription::SUBSCRIBE
+                                    : ::rpc::EventSubscription::UNSUBSCRIBE);
+  return subscription.SerializeAsString();
+}
+
+std::string FileAnswerer(const std::string& key) {
+  ::rpc::CanAccessFile control;
+  control.mutable_profile_id()->set_value(key);
+  control.set_subscribe(true);
+  return control.SerializeAsString();
 }
 
 }  // namespace varnic

@@ -68,6 +68,11 @@ class StreamPeer : private net::GrpcClientConnection::Visitor {
   std::unique_ptr<net::GrpcClientConnection> connection_;
 };
 
+// The messages with which a client asks for the events of a profile, or for no more of them; and
+// with which it begins to answer the questions about its files.
+std::string Subscription(const std::string& key, bool subscribe = true);
+std::string FileAnswerer(const std::string& key);
+
 }  // namespace varnic
 
 #endif  // TESTS_STREAM_PEER_H_

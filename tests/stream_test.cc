@@ -20,26 +20,6 @@ using FileStream = CallbackStream<rpc::CanAccessFile>;
 using NetworkStream = EventStream<rpc::NetworkChanged>;
 using Stream = std::unique_ptr<StreamPeer::Stream>;
 
-ProfileId Key(const std::string& value) {
-  ProfileId key;
-  key.set_value(value);
-  return key;
-}
-
-std::string Subscription(const std::string& key, rpc::EventSubscription::Action action) {
-  rpc::EventSubscription subscription;
-  *subscription.mutable_key() = Key(key);
-  subscription.set_action(action);
-  return subscription.SerializeAsString();
-}
-
-rpc::CanAccessFile Control(const std::string& key, bool subscribe) {
-  rpc::CanAccessFile control;
-  *control.mutable_profile_id() = Key(key);
-  control.set_subscribe(subscribe);
-  return control;
-}
-
 // The answer of a client to `question`.
 rpc::CanAccessFile Answer(const rpc::CanAccessFile& question, bool allow) {
   rpc::CanAccessFile answer;
@@ -98,7 +78,7 @@ class StreamTest : public ::testing::TestWithParam<const char*> {
   void WaitForSubscribers(const std::string& key, std::size_t count, StreamPeer* other = nullptr) {
     WaitUntil(
         [&] {
-          const ProfileId probe = Key(key);
+          const ProfileId probe = MakeProfileId(key);
           const auto entry = NetworkStream::stream_map_.find(&probe);
           return (entry == NetworkStream::stream_map_.end() ? 0 : entry->second.size()) == count;
         },
@@ -108,7 +88,7 @@ class StreamTest : public ::testing::TestWithParam<const char*> {
     WaitUntil([&] { return (AnswererOf(key) != nullptr) == is_there; });
   }
   static const FileStream* AnswererOf(const std::string& key) {
-    const ProfileId probe = Key(key);
+    const ProfileId probe = MakeProfileId(key);
     const auto entry = FileStream::stream_map_.find(&probe);
     return entry == FileStream::stream_map_.end() ? nullptr : entry->second;
   }
@@ -121,7 +101,7 @@ class StreamTest : public ::testing::TestWithParam<const char*> {
     OnServer([&] {
       rpc::NetworkChanged event;
       event.set_online(online);
-      taken = publisher_->Publish(Key(key), event);
+      taken = publisher_->Publish(MakeProfileId(key), event);
     });
     return taken;
   }
@@ -135,7 +115,7 @@ class StreamTest : public ::testing::TestWithParam<const char*> {
     rpc::CanAccessFile::Request request;
     request.set_path(path);
     caller_->Call(
-        Key(key), request,
+        MakeProfileId(key), request,
         [this](const rpc::CanAccessFile::Response& response) {
           ends_.push_back(response.allow() ? "allowed" : "refused");
         },
@@ -155,7 +135,7 @@ class StreamTest : public ::testing::TestWithParam<const char*> {
 
   Stream SubscribeToFiles(const std::string& key) {
     Stream stream = peer_->Open("OnCanAccessFile");
-    stream->Send(Control(key, true).SerializeAsString());
+    stream->Send(FileAnswerer(key));
     return stream;
   }
 
@@ -173,7 +153,7 @@ INSTANTIATE_TEST_SUITE_P(Sockets, StreamTest, ::testing::Values("unix", "127.0.0
 
 TEST_P(StreamTest, EventReachesTheClientThatSubscribed) {
   const Stream stream = peer_->Open("WhenNetworkChanged");
-  stream->Send(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
+  stream->Send(Subscription("P"));
   WaitForSubscribers("P", 1);
 
   EXPECT_EQ(Publish("P"), 1U);
@@ -186,9 +166,9 @@ TEST_P(StreamTest, EventReachesTheClientThatSubscribed) {
 
 TEST_P(StreamTest, UnsubscribedClientGetsNoMoreEvents) {
   const Stream stream = peer_->Open("WhenNetworkChanged");
-  stream->Send(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
-  stream->Send(Subscription("P", rpc::EventSubscription::UNSUBSCRIBE));
-  stream->Send(Subscription("R", rpc::EventSubscription::SUBSCRIBE));
+  stream->Send(Subscription("P"));
+  stream->Send(Subscription("P", /*subscribe=*/false));
+  stream->Send(Subscription("R"));
   WaitForSubscribers("R", 1);
 
   EXPECT_EQ(Publish("P"), 0U);
@@ -197,7 +177,7 @@ TEST_P(StreamTest, UnsubscribedClientGetsNoMoreEvents) {
 TEST_P(StreamTest, EventInAnEnvelopeForAClientThatAsksForOne) {
   const Stream stream = peer_->Open("WhenNetworkChanged", StreamFraming::kEnvelope);
   rpc::transport::StreamMessage subscribe;
-  subscribe.set_payload(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
+  subscribe.set_payload(Subscription("P"));
   stream->Send(subscribe.SerializeAsString());
   WaitForSubscribers("P", 1);
 
@@ -224,7 +204,7 @@ TEST_P(StreamTest, QuestionIsAnswered) {
 TEST_P(StreamTest, QuestionAndAnswerInEnvelopes) {
   const Stream stream = peer_->Open("OnCanAccessFile", StreamFraming::kEnvelope);
   rpc::transport::StreamMessage message;
-  message.set_payload(Control("P", true).SerializeAsString());
+  message.set_payload(FileAnswerer("P"));
   stream->Send(message.SerializeAsString());
   WaitForAnswerer("P", true);
 
@@ -254,14 +234,14 @@ TEST_P(StreamTest, ErrorOfTheClientFailsItsQuestion) {
 TEST_P(StreamTest, ErrorTextInAnEnvelopeThatIsNotMarkedFailsItsQuestion) {
   const Stream stream = peer_->Open("OnCanAccessFile", StreamFraming::kEnvelope);
   rpc::transport::StreamMessage message;
-  message.set_payload(Control("P", true).SerializeAsString());
+  message.set_payload(FileAnswerer("P"));
   stream->Send(message.SerializeAsString());
   WaitForAnswerer("P", true);
 
   Ask("P", "/etc/motd");
   message.set_call_id(Parse<rpc::transport::StreamMessage>(stream->Receive()).call_id());
   rpc::CanAccessFile error;
-  *error.mutable_profile_id() = Key("P");
+  *error.mutable_profile_id() = MakeProfileId("P");
   error.set_error("no such page");
   message.set_payload(error.SerializeAsString());
   stream->Send(message.SerializeAsString());
@@ -295,7 +275,7 @@ TEST_P(StreamTest, LastOfTwoClientsForOneProfileAnswers) {
   const Stream second = other.Open("OnCanAccessFile");
   const FileStream* before = nullptr;
   OnServer([&] { before = AnswererOf("P"); });
-  second->Send(Control("P", true).SerializeAsString());
+  second->Send(FileAnswerer("P"));
   other.Pump();
   WaitUntil([&] { return AnswererOf("P") != before; }, &other);
 
@@ -332,7 +312,7 @@ TEST_P(StreamTest, ResetCompletesTheStream) {
 TEST_P(StreamTest, LossOfTheConnectionCompletesItsStreams) {
   const Stream files = SubscribeToFiles("P");
   const Stream network = peer_->Open("WhenNetworkChanged");
-  network->Send(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
+  network->Send(Subscription("P"));
   WaitForSubscribers("P", 1);
   WaitForAnswerer("P", true);
   Ask("P", "/etc/motd");
@@ -348,7 +328,7 @@ TEST_P(StreamTest, SharedKeyIsLeftByTheStreamThatEnds) {
   const Stream first = peer_->Open("WhenNetworkChanged");
   const Stream second = peer_->Open("WhenNetworkChanged");
   for (const Stream* stream : {&first, &second}) {
-    (*stream)->Send(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
+    (*stream)->Send(Subscription("P"));
   }
   WaitForSubscribers("P", 2);
 
@@ -365,7 +345,7 @@ TEST_P(StreamTest, StreamMayEndFromInsideItsOwnCallable) {
   OnServer([&] {
     rpc::CanAccessFile::Request request;
     caller_->Call(
-        Key("P"), request,
+        MakeProfileId("P"), request,
         [this](const rpc::CanAccessFile::Response& /*response*/) {
           ends_.push_back("allowed");
           served_.server().Drain(absl::InfiniteDuration());
@@ -413,7 +393,7 @@ TEST_P(StreamTest, ThousandStreamsEndWhenTheServerDrains) {
   std::vector<Stream> streams;
   for (int i = 0; i < 500; ++i) {
     streams.push_back(peer_->Open("WhenNetworkChanged"));
-    streams.back()->Send(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
+    streams.back()->Send(Subscription("P"));
     streams.push_back(SubscribeToFiles(std::to_string(i)));
   }
   WaitForOpenStreams(1000);
@@ -446,7 +426,7 @@ TEST_P(StreamTest, EventReachesAThousandSubscribers) {
   std::vector<Stream> streams;
   for (int i = 0; i < 1000; ++i) {
     streams.push_back(peer_->Open("WhenNetworkChanged"));
-    streams.back()->Send(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
+    streams.back()->Send(Subscription("P"));
   }
   WaitForSubscribers("P", 1000);
 
@@ -475,7 +455,7 @@ INSTANTIATE_TEST_SUITE_P(Sockets, BoundedStreamTest, ::testing::Values("unix"));
 TEST_P(BoundedStreamTest, TooManySubscriptionsEndTheStream) {
   const Stream stream = peer_->Open("WhenNetworkChanged");
   for (const char* key : {"a", "b", "c", "d"}) {
-    stream->Send(Subscription(key, rpc::EventSubscription::SUBSCRIBE));
+    stream->Send(Subscription(key));
   }
 
   EXPECT_EQ(stream->Finish(),
@@ -486,7 +466,7 @@ TEST_P(BoundedStreamTest, TooManySubscriptionsEndTheStream) {
 TEST_P(BoundedStreamTest, TooManySubscriptionMessagesEndTheStream) {
   const Stream stream = peer_->Open("WhenNetworkChanged");
   for (int i = 0; i < 11; ++i) {
-    stream->Send(Subscription("a", rpc::EventSubscription::SUBSCRIBE));
+    stream->Send(Subscription("a"));
   }
 
   EXPECT_EQ(stream->Finish(),
@@ -496,7 +476,7 @@ TEST_P(BoundedStreamTest, TooManySubscriptionMessagesEndTheStream) {
 TEST_P(BoundedStreamTest, TooManyBytesOfSubscriptionsEndTheStream) {
   const Stream stream = peer_->Open("WhenNetworkChanged");
   const std::string key(400, 'a');
-  for (int i = 0; i < 3; ++i) stream->Send(Subscription(key, rpc::EventSubscription::SUBSCRIBE));
+  for (int i = 0; i < 3; ++i) stream->Send(Subscription(key));
 
   EXPECT_EQ(stream->Finish(), absl::ResourceExhaustedError(
                                   "More than 1000 bytes of subscription messages on one stream"));
@@ -518,11 +498,11 @@ TEST_P(BoundedStreamTest, BytesOfAnswersAreNotThoseOfSubscriptions) {
 
 TEST_P(BoundedStreamTest, ReaderThatStallsGetsTheNewestEventAndDelaysNobody) {
   const Stream stalled = peer_->Open("WhenNetworkChanged");
-  stalled->Send(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
+  stalled->Send(Subscription("P"));
   peer_->Pump();
   StreamPeer other(served_.address());
   const Stream reader = other.Open("WhenNetworkChanged");
-  reader->Send(Subscription("P", rpc::EventSubscription::SUBSCRIBE));
+  reader->Send(Subscription("P"));
   WaitForSubscribers("P", 2, &other);
 
   // The stalled client's loop does not run meanwhile, so its socket and its window fill up.
@@ -533,7 +513,7 @@ TEST_P(BoundedStreamTest, ReaderThatStallsGetsTheNewestEventAndDelaysNobody) {
       rpc::NetworkChanged event;
       event.add_interfaces()->set_name(std::string(10000, 'x'));
       event.set_max_downlink_mbps(i);
-      taken = publisher_->Publish(Key("P"), event);
+      taken = publisher_->Publish(MakeProfileId("P"), event);
     });
     EXPECT_EQ(taken, 2U);
     EXPECT_EQ(Parse<rpc::NetworkChanged>(reader->Receive()).max_downlink_mbps(), i);

@@ -12,7 +12,8 @@ const load = createRequire(`${process.env.VARNIC_JS_DIR}/package.json`);
 const grpc = load('@grpc/grpc-js');
 const protoLoader = load('@grpc/proto-loader');
 
-const services = protoLoader.loadSync(['rpc/profile/profile.proto', 'interop/test.proto'], {
+const files = ['rpc/profile/profile.proto', 'interop/test.proto', 'download.proto'];
+const services = protoLoader.loadSync(files, {
   includeDirs: process.env.VARNIC_PROTO_ROOTS.split(':'),
   longs: String,
   oneofs: true,

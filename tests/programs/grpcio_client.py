@@ -13,17 +13,20 @@ import grpc
 
 sys.path.insert(0, os.environ["VARNIC_PYTHON_STUBS"])
 # pylint: disable=wrong-import-position
+import download_pb2  # noqa: E402
+import download_pb2_grpc  # noqa: E402
 from interop import test_pb2, test_pb2_grpc  # noqa: E402
 from rpc.profile import profile_pb2, profile_pb2_grpc  # noqa: E402
 
 STUBS = {
     "rpc.Profile": profile_pb2_grpc.ProfileStub,
+    "download.Downloads": download_pb2_grpc.DownloadsStub,
     "grpc.testing.TestService": test_pb2_grpc.TestServiceStub,
     "grpc.testing.UnimplementedService": test_pb2_grpc.UnimplementedServiceStub,
 }
 SERVICES = {
     service.full_name: service
-    for file in (profile_pb2.DESCRIPTOR, test_pb2.DESCRIPTOR)
+    for file in (profile_pb2.DESCRIPTOR, download_pb2.DESCRIPTOR, test_pb2.DESCRIPTOR)
     for service in file.services_by_name.values()
 }
 output = threading.Lock()

@@ -30,20 +30,6 @@ using Stream = std::unique_ptr<StreamPeer::Stream>;
 
 constexpr char kKey[] = "shared";
 
-std::string Subscription(const std::string& key) {
-  ::rpc::EventSubscription message;
-  message.mutable_key()->set_value(key);
-  message.set_action(::rpc::EventSubscription::SUBSCRIBE);
-  return message.SerializeAsString();
-}
-
-std::string Answerer(const std::string& key) {
-  ::rpc::CanAccessFile message;
-  message.mutable_profile_id()->set_value(key);
-  message.set_subscribe(true);
-  return message.SerializeAsString();
-}
-
 double PerUnit(std::int64_t amount, std::int64_t units) {
   return static_cast<double>(amount) / static_cast<double>(units);
 }
@@ -57,7 +43,7 @@ Stream SubscribeToEvents(StreamPeer& peer, const std::string& key = kKey) {
 
 Stream AnswerFor(StreamPeer& peer, const std::string& key) {
   Stream stream = peer.Open("OnCanAccessFile");
-  stream->Send(Answerer(key));
+  stream->Send(FileAnswerer(key));
   peer.Pump();
   return stream;
 }

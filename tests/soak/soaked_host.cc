@@ -31,6 +31,8 @@ using google::protobuf::Closure;
 using google::protobuf::RpcController;
 using google::protobuf::StringValue;
 
+constexpr absl::Duration kPatience = absl::Seconds(60);
+
 std::int64_t HeapBytes() {
   const struct mallinfo2 heap = mallinfo2();
   return static_cast<std::int64_t>(heap.uordblks + heap.hblkhd);
@@ -73,12 +75,10 @@ class Host : public rpc::ProfileRpc {
         absl::StrSplit(request->value(), absl::MaxSplits(' ', 1));
     std::size_t bytes = 0;
     VARNIC_CHECK(absl::SimpleAtoi(parts.first, &bytes));
-    ProfileId key;
-    key.set_value(parts.second);
     ::rpc::NetworkChanged event;
     event.set_online(true);
     if (bytes > 0) event.add_interfaces()->set_name(std::string(bytes, 'x'));
-    response->set_value(absl::StrCat(publisher_.Publish(key, event)));
+    response->set_value(absl::StrCat(publisher_.Publish(MakeProfileId(parts.second), event)));
     done->Run();
   }
 
@@ -101,6 +101,13 @@ class Host : public rpc::ProfileRpc {
   std::exit(0);
 }
 
+// Ends this process if the call failed: a soak goes on only with a host that answers.
+std::string TextOf(const absl::StatusOr<StringValue>& answer) {
+  if (answer.ok()) return answer->value();
+  std::fprintf(stderr, "the host no longer answers: %s\n", answer.status().ToString().c_str());
+  std::exit(1);
+}
+
 }  // namespace
 
 SoakedHost::SoakedHost(const ServerOptions& options) : address_(NewSocketAddress()) {
@@ -113,7 +120,6 @@ SoakedHost::SoakedHost(const ServerOptions& options) : address_(NewSocketAddress
   VARNIC_CHECK(read(ready[0], &byte, 1) == 1);
   close(ready[0]);
   close(ready[1]);
-  client_ = std::make_unique<Client>(loop_, address_);
 }
 
 SoakedHost::~SoakedHost() {
@@ -124,7 +130,7 @@ SoakedHost::~SoakedHost() {
 
 HostFigures SoakedHost::Figures() {
   std::map<std::string, std::int64_t> figures;
-  const std::string text = Call("Path", "");
+  const std::string text = TextOf(profiles_.PathAndWait(ProfileId(), kPatience));
   for (const absl::string_view figure : absl::StrSplit(text, ' ')) {
     const std::pair<std::string, absl::string_view> parts = absl::StrSplit(figure, '=');
     VARNIC_CHECK(absl::SimpleAtoi(parts.second, &figures[parts.first]));
@@ -143,7 +149,8 @@ HostFigures SoakedHost::Figures() {
 
 std::size_t SoakedHost::Publish(const std::string& key, std::size_t bytes) {
   std::size_t taken = 0;
-  VARNIC_CHECK(absl::SimpleAtoi(Call("Name", absl::StrCat(bytes, " ", key)), &taken));
+  const ProfileId what = MakeProfileId(absl::StrCat(bytes, " ", key));
+  VARNIC_CHECK(absl::SimpleAtoi(TextOf(profiles_.NameAndWait(what, kPatience)), &taken));
   return taken;
 }
 
@@ -152,19 +159,6 @@ HostFigures SoakedHost::WaitUntil(const std::function<bool(const HostFigures&)>&
     const HostFigures figures = Figures();
     if (holds(figures)) return figures;
   }
-}
-
-std::string SoakedHost::Call(const std::string& method, const std::string& profile) {
-  ProfileId request;
-  request.set_value(profile);
-  StringValue response;
-  const absl::Status status =
-      client_->CallAndWait(ProfileMethod(method), request, response, absl::Seconds(60));
-  if (!status.ok()) {
-    std::fprintf(stderr, "the host no longer answers: %s\n", status.ToString().c_str());
-    std::exit(1);
-  }
-  return response.value();
 }
 
 }  // namespace varnic

@@ -6,12 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "core/client/client.h"
 #include "core/net/event_loop.h"
 #include "core/server/rpc_server.h"
+#include "rpc/profile/profile.client.h"
 
 namespace varnic {
 
@@ -48,13 +48,11 @@ class SoakedHost {
   HostFigures WaitUntil(const std::function<bool(const HostFigures&)>& holds);
 
  private:
-  // Ends this process if the call fails: a soak goes on only with a host that answers.
-  std::string Call(const std::string& method, const std::string& profile);
-
-  std::string address_;
+  const std::string address_;
   pid_t process_ = -1;
   net::EventLoop loop_;
-  std::unique_ptr<Client> client_;
+  Client client_{loop_, address_};
+  ::rpc::ProfileClient profiles_{client_};
 };
 
 }  // namespace varnic
