@@ -33,7 +33,8 @@ DevToolsPipe::DevToolsPipe(net::EventLoop& loop, std::unique_ptr<net::ByteStream
 DevToolsPipe::~DevToolsPipe() {
   VARNIC_CHECK(loop_.IsLoopThread());
   stream_ = nullptr;
-  EndCommands(std::exchange(commands_, {}), absl::UnavailableError("the browser is given up"));
+  std::map<int, OpenCommand> ended = std::exchange(commands_, {});
+  EndCommands(ended, absl::UnavailableError("the browser is given up"));
 }
 
 void DevToolsPipe::Call(DevToolsCommand command, Answer answer) {
@@ -170,7 +171,7 @@ void DevToolsPipe::EndCommand(int id, absl::StatusOr<nlohmann::json> result) {
   command.answer(std::move(result));
 }
 
-void DevToolsPipe::EndCommands(std::map<int, OpenCommand> commands, const absl::Status& why) {
+void DevToolsPipe::EndCommands(std::map<int, OpenCommand>& commands, const absl::Status& why) {
   // No timer must end one of them while another's answer runs the loop's callbacks.
   for (auto& [id, command] : commands) command.timer = nullptr;
   for (auto& [id, command] : commands) command.answer(About(command.method, Ended(why)));
@@ -187,7 +188,7 @@ void DevToolsPipe::EndSession(const std::string& session_id) {
   for (auto it = listeners_.begin(); it != listeners_.end();) {
     it = it->first.first == session_id ? listeners_.erase(it) : std::next(it);
   }
-  EndCommands(std::move(ended), absl::UnavailableError("the session has ended"));
+  EndCommands(ended, absl::UnavailableError("the session has ended"));
 }
 
 void DevToolsPipe::Close(const absl::Status& why) {
@@ -197,8 +198,10 @@ void DevToolsPipe::Close(const absl::Status& why) {
   waiting_bytes_ = 0;
   listeners_.clear();
   auto on_end = lifetime_.Guard(on_end_);
-  const absl::Status status = why;  // May belong to what a callback destroys.
-  EndCommands(std::exchange(commands_, {}), status);
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): a callback may destroy its owner.
+  const absl::Status status = why;
+  std::map<int, OpenCommand> ended = std::exchange(commands_, {});
+  EndCommands(ended, status);
   on_end(status);
 }
 

@@ -120,7 +120,7 @@ class DevToolsPipe : private net::ByteStream::Visitor {
   void HandleMessage(const DevToolsComplaint& message);
   void OnBadMessage(const absl::Status& why);
   void EndCommand(int id, absl::StatusOr<nlohmann::json> result);
-  void EndCommands(std::map<int, OpenCommand> commands, const absl::Status& why);
+  void EndCommands(std::map<int, OpenCommand>& commands, const absl::Status& why);
   void EndSession(const std::string& session_id);
 
   net::EventLoop& loop_;
