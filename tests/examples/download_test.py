@@ -14,6 +14,10 @@ PATIENCE_SECONDS = 120
 
 CONTENT = os.urandom(8_000_000)
 
+# `stdbuf` preloads a library of its own, and AddressSanitizer wants to be the first.
+UNBUFFERED = {**os.environ, "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "")
+              + ":verify_asan_link_order=0"}
+
 
 def run(*command):
     subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
@@ -97,7 +101,7 @@ class DownloadTest(unittest.TestCase):
         client = subprocess.Popen(
             ["stdbuf", "-oL", self.programs / "download_client", address or self.address, profile,
              self.folder / name, answer],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=UNBUFFERED,
         )
         self.addCleanup(client.communicate)
         self.addCleanup(client.kill)
