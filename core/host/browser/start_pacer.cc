@@ -21,7 +21,9 @@ absl::Duration Since(net::LoopClock::time_point earlier) {
 }  // namespace
 
 StartPacer::StartPacer(const StartPacing& pacing)
-    : steady_time_(pacing.steady_time), backoff_(Doubling(pacing)) {}
+    : waits_(pacing.first_delay > absl::ZeroDuration()),
+      steady_time_(pacing.steady_time),
+      backoff_(Doubling(pacing)) {}
 
 void StartPacer::OnStart() {
   started_ = net::LoopClock::now();
@@ -34,7 +36,7 @@ void StartPacer::OnUp() {
 
 void StartPacer::OnFailure() {
   if (up_since_ && Since(*up_since_) >= steady_time_) backoff_.Reset();
-  delay_ = backoff_.Next();
+  if (waits_) delay_ = backoff_.Next();
 }
 
 absl::Duration StartPacer::UntilNext() const {

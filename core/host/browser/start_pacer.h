@@ -11,7 +11,7 @@ namespace varnic::host {
 
 struct StartPacing {
   // How far apart two starts are, at least, after a browser failed to come up or crashed: the first
-  // time (a millisecond at least), then twice as long each time, and at most.
+  // time, then twice as long each time, and at most. With zero for the first, there is no wait.
   absl::Duration first_delay = absl::Seconds(1);
   absl::Duration max_delay = absl::Minutes(2);
   // A browser that was up for so long has nothing to do with the failures before it.
@@ -33,6 +33,7 @@ class StartPacer {
   absl::Duration UntilNext() const;
 
  private:
+  const bool waits_;
   const absl::Duration steady_time_;
   net::Backoff backoff_;
   absl::Duration delay_;  // From the last start; none before the first failure.

@@ -44,6 +44,16 @@ TEST_F(StartPacerTest, DelaysDoubleUpToTheLongest) {
                                   absl::Seconds(8), absl::Seconds(10), absl::Seconds(10)));
 }
 
+TEST_F(StartPacerTest, NoDelayStaysNone) {
+  StartPacer pacer({kZero, absl::Seconds(10), absl::Minutes(1)});
+  for (int i = 0; i < 2; ++i) {
+    pacer.OnStart();
+    pacer.OnFailure();
+
+    EXPECT_EQ(pacer.UntilNext(), kZero);
+  }
+}
+
 TEST_F(StartPacerTest, DelayCountsFromTheStart) {
   EXPECT_EQ(DelayAfterLife(absl::Milliseconds(300)), absl::Milliseconds(700));
 
