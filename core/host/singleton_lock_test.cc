@@ -1,13 +1,12 @@
 #include "core/host/singleton_lock.h"
 
-#include <limits.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <string>
 
 #include "absl/strings/str_cat.h"
+#include "core/host/testing/lock_holders.h"
 #include "core/host/testing/temporary_folder.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -15,22 +14,10 @@
 namespace varnic::host {
 namespace {
 
+using testing::DeadProcess;
 using ::testing::HasSubstr;
+using testing::HostName;
 using testing::TemporaryFolder;
-
-std::string HostName() {
-  char name[HOST_NAME_MAX + 1] = {};
-  EXPECT_EQ(::gethostname(name, HOST_NAME_MAX), 0);
-  return name;
-}
-
-// The id of a process that has ended.
-pid_t DeadProcess() {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(0);
-  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
-  return child;
-}
 
 class SingletonLockTest : public ::testing::Test {
  protected:

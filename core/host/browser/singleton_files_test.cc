@@ -1,9 +1,7 @@
 #include "core/host/browser/singleton_files.h"
 
-#include <limits.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -11,6 +9,7 @@
 
 #include "absl/strings/str_cat.h"
 #include "core/host/file_descriptor.h"
+#include "core/host/testing/lock_holders.h"
 #include "core/host/testing/temporary_folder.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -18,24 +17,12 @@
 namespace varnic::host {
 namespace {
 
+using testing::DeadProcess;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using testing::HostName;
 using ::testing::IsEmpty;
 using testing::TemporaryFolder;
-
-std::string HostName() {
-  char name[HOST_NAME_MAX + 1] = {};
-  EXPECT_EQ(::gethostname(name, HOST_NAME_MAX), 0);
-  return name;
-}
-
-// The id of a process that has ended.
-pid_t DeadProcess() {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(0);
-  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
-  return child;
-}
 
 class SingletonFilesTest : public ::testing::Test {
  protected:
