@@ -33,15 +33,18 @@ bool ParseAs(Message& message, std::string_view payload) {
   return message.ParseFromArray(payload.data(), static_cast<int>(payload.size()));
 }
 
-// What the guard lets through as no error is control or an answer.
+// What the guard lets through as no error is control or an answer, and is what it says that it is.
 template <class T>
-void CheckMayPass(std::string_view payload) {
+void CheckMayPass(std::string_view payload, const EnvelopeGuard::Content& content) {
   T message;
   VARNIC_CHECK(ParseAs(message, payload));
-  VARNIC_CHECK(message.kind_case() == T::kSubscribe || message.kind_case() == T::kResponse);
+  VARNIC_CHECK(message.kind_case() == (content.is_subscription ? T::kSubscribe : T::kResponse));
+  VARNIC_CHECK(message.call_id() == content.call_id);
+  VARNIC_CHECK(message.error().empty());
 }
 template <>
-void CheckMayPass<::rpc::EventSubscription>(std::string_view payload) {
+void CheckMayPass<::rpc::EventSubscription>(std::string_view payload,
+                                            const EnvelopeGuard::Content& /*content*/) {
   ::rpc::EventSubscription message;
   VARNIC_CHECK(ParseAs(message, payload));
 }
@@ -76,7 +79,7 @@ class GuardedStream {
     envelope.set_payload(payload.data(), payload.size());
     envelope.set_call_id(call_id);
     if (is_error || content.has_error) return stream_->OnError(&envelope);
-    CheckMayPass<Message>(payload);
+    CheckMayPass<Message>(payload, content);
     stream_->OnNext(&envelope);
   }
 

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -141,6 +142,34 @@ TEST_P(DrainTest, SecondDrainCutsACallAtOnce) {
   EXPECT_EQ(EndOfKeptCall().code(), absl::StatusCode::kUnavailable);
   EXPECT_TRUE(served_.WaitUntilStopped());
   EXPECT_TRUE(served_.host().WaitForCancelled(1));
+}
+
+TEST_P(DrainTest, WhoeverHasMoreToEndStopsTheServerAfterTheDrain) {
+  StartKeptCall();
+  std::promise<void> drained;
+
+  served_.RunOnServer([&] {
+    served_.server().Drain(absl::InfiniteDuration(), [&drained] { drained.set_value(); });
+  });
+  AnswerKept();
+
+  EXPECT_EQ(EndOfKeptCall(), absl::OkStatus());
+  drained.get_future().wait();
+  served_.RunOnServer([this] { served_.server().Stop(); });
+  EXPECT_TRUE(served_.WaitUntilStopped());
+}
+
+TEST_P(DrainTest, SecondDrainDoesNotWaitForWhoeverHasMoreToEnd) {
+  std::promise<void> drained;
+  const auto drain = [&] {
+    served_.server().Drain(absl::ZeroDuration(), [&drained] { drained.set_value(); });
+  };
+  served_.RunOnServer(drain);
+  drained.get_future().wait();
+
+  served_.RunOnServer(drain);
+
+  EXPECT_TRUE(served_.WaitUntilStopped());
 }
 
 TEST_P(DrainTest, NewCallOfAClientWithACallInFlightIsUnavailable) {

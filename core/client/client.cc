@@ -12,6 +12,14 @@
 namespace varnic {
 namespace {
 
+bool IsPathOf(const std::string& path, const google::protobuf::MethodDescriptor& method) {
+  const std::string& service = method.service()->full_name();
+  const std::string& name = method.name();
+  return path.size() == service.size() + name.size() + 2 &&
+         path.compare(1, service.size(), service) == 0 &&
+         path.compare(service.size() + 2, name.size(), name) == 0;
+}
+
 // The answer of Call(), whose response is its caller's.
 class LentAnswer final : public Client::Answer {
  public:
@@ -33,11 +41,11 @@ class Client::UnaryCall final : public net::Pooled,
                                 private ConnectionKeeper::Waiter,
                                 private net::GrpcClientCall::Visitor {
  public:
-  UnaryCall(Client& client, CallId id, const google::protobuf::MethodDescriptor& method,
+  UnaryCall(Client& client, CallId id, std::shared_ptr<const std::string> path,
             const google::protobuf::Message& request, std::unique_ptr<Answer> answer)
       : client_(client),
         id_(id),
-        path_(absl::StrCat("/", method.service()->full_name(), "/", method.name())),
+        path_(std::move(path)),
         request_(net::FrameMessage(request)),
         answer_(std::move(answer)) {}
 
@@ -53,7 +61,7 @@ class Client::UnaryCall final : public net::Pooled,
   }
 
   absl::Status Overdue() const {
-    return absl::DeadlineExceededError(absl::StrCat("no answer to ", path_, " in time"));
+    return absl::DeadlineExceededError(absl::StrCat("no answer to ", *path_, " in time"));
   }
 
   std::unique_ptr<Answer> TakeAnswer() { return std::move(answer_); }
@@ -67,7 +75,7 @@ class Client::UnaryCall final : public net::Pooled,
 
   // False if `connection` takes no more calls.
   bool StartOn(net::GrpcClientConnection& connection) {
-    call_ = connection.StartCall(path_, CallDeadlines::Until(due_), *this);
+    call_ = connection.StartCall(*path_, CallDeadlines::Until(due_), *this);
     if (call_ == nullptr) return false;
     call_->Send(request_, /*half_close=*/true);  // A copy: it may be sent again.
     return true;
@@ -86,9 +94,9 @@ class Client::UnaryCall final : public net::Pooled,
   void OnMessage(std::string_view message) override {
     google::protobuf::Message& response = answer_->response();
     if (std::exchange(answered_, true)) {
-      failure_ = absl::InternalError(absl::StrCat("more than one answer to ", path_));
+      failure_ = absl::InternalError(absl::StrCat("more than one answer to ", *path_));
     } else if (!response.ParseFromArray(message.data(), static_cast<int>(message.size()))) {
-      failure_ = absl::InternalError(absl::StrCat("the answer to ", path_, " is not a serialised ",
+      failure_ = absl::InternalError(absl::StrCat("the answer to ", *path_, " is not a serialised ",
                                                   response.GetDescriptor()->full_name()));
     }
   }
@@ -109,7 +117,7 @@ class Client::UnaryCall final : public net::Pooled,
 
   Client& client_;
   const CallId id_;
-  const std::string path_;
+  const std::shared_ptr<const std::string> path_;
   const std::string request_;
   std::unique_ptr<Answer> answer_;
   CallDeadlines::TimePoint due_ = CallDeadlines::kNone;
@@ -149,10 +157,20 @@ Client::CallId Client::Start(const google::protobuf::MethodDescriptor& method,
   VARNIC_CHECK(loop_.IsLoopThread());
   const CallId id = ++last_call_id_;
   if (closing_) return id;
-  auto call = std::make_unique<UnaryCall>(*this, id, method, request, std::move(answer));
+  auto call = std::make_unique<UnaryCall>(*this, id, PathOf(method), request, std::move(answer));
   UnaryCall& started = *calls_.emplace(id, std::move(call)).first->second;
   started.Start(timeout);
   return id;
+}
+
+// Of the last call, mostly. The descriptor's address says nothing: descriptors may come and go.
+std::shared_ptr<const std::string> Client::PathOf(
+    const google::protobuf::MethodDescriptor& method) {
+  if (last_path_ == nullptr || !IsPathOf(*last_path_, method)) {
+    last_path_ = std::make_shared<const std::string>(
+        absl::StrCat("/", method.service()->full_name(), "/", method.name()));
+  }
+  return last_path_;
 }
 
 void Client::Cancel(CallId call_id) {

@@ -83,12 +83,14 @@ class Client {
  private:
   class UnaryCall;
 
+  std::shared_ptr<const std::string> PathOf(const google::protobuf::MethodDescriptor& method);
   // By value: it may come out of the call that ends here.
   void End(CallId call_id, absl::Status status);
 
   net::EventLoop& loop_;
   const ClientOptions options_;
   CallId last_call_id_ = 0;
+  std::shared_ptr<const std::string> last_path_;  // Null before the first call.
   bool closing_ = false;
   CallDeadlines deadlines_;
   std::unique_ptr<ConnectionKeeper> connections_;

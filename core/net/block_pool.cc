@@ -30,7 +30,7 @@ struct FreeBlock {
 // end may still free blocks. The Sweeper frees what it keeps then.
 struct Kept {
   FreeBlock* first;
-  std::size_t bytes;
+  std::size_t room;  // For bytes more; none while the thread does not keep anything.
 };
 thread_local std::array<Kept, kClasses> t_kept;
 
@@ -46,6 +46,7 @@ struct Sweeper {
         kept.first = block->next;
         ::operator delete(block);
       }
+      kept.room = 0;
     }
   }
   // Makes the thread construct it.
@@ -53,24 +54,25 @@ struct Sweeper {
 };
 thread_local Sweeper t_sweeper;
 
-// Out of line: Free() would save registers for it.
-[[gnu::noinline]] bool BeginToKeep() {
-  if (t_phase == Phase::kEnded) return false;
+void BeginToKeep() {
   t_sweeper.Touch();
   t_phase = Phase::kKeeping;
-  return true;
+  for (Kept& kept : t_kept) kept.room = kMostKeptBytes;
 }
 
-bool MayKeep() {
-  return t_phase == Phase::kKeeping || BeginToKeep();
-}
-
-// The number of the size class, and the size of its blocks; `size` is not 0.
+// The number of the size class, and the size of its blocks. None is that of nothing at all.
 std::size_t ClassOf(std::size_t size) {
   return (size - 1) / kStep;
 }
 constexpr std::size_t BlockBytes(std::size_t number) {
   return (number + 1) * kStep;
+}
+
+// Out of line: Free() would save registers for it.
+[[gnu::noinline]] void FreeWithoutRoom(void* block, std::size_t size) {
+  if (t_phase != Phase::kNew) return ::operator delete(block);
+  BeginToKeep();
+  BlockPool::Free(block, size);
 }
 
 }  // namespace
@@ -80,26 +82,23 @@ bool BlockPool::Keeps() {
 }
 
 void* BlockPool::Allocate(std::size_t size) {
-  if (size == 0) size = 1;
-  if (!kKeeps || size > kLargest) return ::operator new(size);
   const std::size_t number = ClassOf(size);
+  if (!kKeeps || number >= kClasses) return ::operator new(size);
   Kept& kept = t_kept[number];
   if (kept.first == nullptr) return ::operator new(BlockBytes(number));
   FreeBlock* block = kept.first;
   kept.first = block->next;
-  kept.bytes -= BlockBytes(number);
+  kept.room += BlockBytes(number);
   return block;
 }
 
 void BlockPool::Free(void* block, std::size_t size) {
-  if (block == nullptr) return;
-  if (size == 0) size = 1;
-  if (!kKeeps || size > kLargest) return ::operator delete(block);
   const std::size_t number = ClassOf(size);
+  if (!kKeeps || block == nullptr || number >= kClasses) return ::operator delete(block);
   Kept& kept = t_kept[number];
-  if (kept.bytes >= kMostKeptBytes || !MayKeep()) return ::operator delete(block);
+  if (kept.room < BlockBytes(number)) return FreeWithoutRoom(block, size);
   kept.first = new (block) FreeBlock{kept.first};
-  kept.bytes += BlockBytes(number);
+  kept.room -= BlockBytes(number);
 }
 
 }  // namespace varnic::net

@@ -1,6 +1,7 @@
 #include "core/net/event_loop.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <map>
 #include <optional>
@@ -119,9 +120,25 @@ EventLoop::~EventLoop() {
   timers_->Close();
 }
 
-void EventLoop::Run() {
+void EventLoop::Run(absl::Duration busy_poll) {
   const RunScope scope(*this);
-  context_->run();
+  if (busy_poll <= absl::ZeroDuration()) {
+    context_->run();
+    return;
+  }
+  const std::chrono::nanoseconds time =
+      absl::ToChronoNanoseconds(std::min(busy_poll, kLongestDelay));
+  while (!context_->stopped()) {
+    if (!PollFor(time)) context_->run_one();
+  }
+}
+
+bool EventLoop::PollFor(std::chrono::nanoseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  do {
+    if (context_->poll() > 0) return true;
+  } while (!context_->stopped() && std::chrono::steady_clock::now() < end);
+  return false;
 }
 
 bool EventLoop::RunUntil(absl::FunctionRef<bool()> done) {

@@ -2,6 +2,7 @@
 #define CORE_NET_EVENT_LOOP_H_
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -34,7 +35,10 @@ class EventLoop {
 
   // Makes the calling thread the loop's until Stop(). A Stop() before Run() counts, and a loop that
   // was stopped never runs again. Fatal while the loop runs already.
-  void Run();
+  //
+  // With `busy_poll`, the thread looks for work for so long, by the real clock, before it sleeps.
+  // To be woken takes longer than most tasks do; but the looking takes a core's whole time.
+  void Run(absl::Duration busy_poll = absl::ZeroDuration());
   // The same until `done()` holds, which is asked after every step; false after Stop(). A step is
   // one task, or all timers that are due.
   bool RunUntil(absl::FunctionRef<bool()> done);
@@ -58,6 +62,9 @@ class EventLoop {
   class RunScope;
   struct Work;
   class TimerQueue;
+
+  // Whether anything ran, which is waited for without sleeping.
+  bool PollFor(std::chrono::nanoseconds time);
 
   std::atomic<std::thread::id> thread_;  // None while nobody runs the loop.
   // Before the context: what its unrun tasks own may cancel timers when it goes.

@@ -97,6 +97,37 @@ TEST(EventLoopTest, StopComesFromAnyThread) {
   stopper.join();
 }
 
+TEST(EventLoopTest, ALoopThatLooksForWorkBeforeItSleepsRunsTasksAndTimers) {
+  EventLoop loop;
+  Timer timer(loop);
+  std::vector<std::string> events;
+  std::thread poster([&] {
+    loop.Post([&] {
+      events.push_back("task");
+      // Longer than it looks, so that it has to be woken.
+      timer.Start(absl::Milliseconds(5), [&] {
+        events.push_back("timer");
+        loop.Stop();
+      });
+    });
+  });
+
+  loop.Run(/*busy_poll=*/absl::Microseconds(50));
+
+  poster.join();
+  EXPECT_THAT(events, ElementsAre("task", "timer"));
+}
+
+TEST(EventLoopTest, ALoopThatLooksForWorkForEverIsStopped) {
+  EventLoop loop;
+  std::thread stopper([&] { loop.Stop(); });
+
+  loop.Run(/*busy_poll=*/absl::InfiniteDuration());
+
+  stopper.join();
+  EXPECT_TRUE(loop.IsStopped());
+}
+
 TEST(EventLoopTest, AStopBeforeRunCountsAndLasts) {
   EventLoop loop;
   bool ran = false;

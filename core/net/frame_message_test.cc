@@ -32,5 +32,16 @@ TEST(FrameMessageTest, AMessageStandsBehindItsPrefixAndIsReadBack) {
   EXPECT_FALSE(reader.mid_message());
 }
 
+TEST(FrameMessageTest, ASmallMessageIsTheSameInABuffer) {
+  google::protobuf::StringValue message;
+  message.set_value("small");
+  const std::string framed = FrameMessage(message);
+  std::string buffer(framed.size(), 'x');
+
+  EXPECT_EQ(FrameMessageIn(absl::MakeSpan(buffer), message), framed);
+  EXPECT_EQ(FrameMessageIn(absl::MakeSpan(buffer).first(framed.size() - 1), message).data(),
+            nullptr);
+}
+
 }  // namespace
 }  // namespace varnic::net

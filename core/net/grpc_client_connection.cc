@@ -38,6 +38,8 @@ void GrpcClientCall::Cancel() {
 }
 
 void GrpcClientCall::OnHeaders(const HeaderList& headers) {
+  if (headers.revision() == plain_answers_->headers) return OnPlainHeaders();
+  if (headers.revision() == plain_answers_->trailers) return OnPlainTrailers();
   const std::string_view http_status = headers.Find(":status");
   if (http_status.data() == nullptr) return OnTrailers(headers);
   if (http_status.size() == 3 && http_status[0] == '1') return;  // Informational.
@@ -50,7 +52,17 @@ void GrpcClientCall::OnHeaders(const HeaderList& headers) {
                              absl::StrCat("the server answered with HTTP status ",
                                           std::string(http_status), " and no gRPC message")));
   }
+  plain_answers_->headers = headers.revision();
+  OnPlainHeaders();
+}
+
+void GrpcClientCall::OnPlainHeaders() {
   if (!std::exchange(has_headers_, true) && visitor_ != nullptr) visitor_->OnHeaders();
+}
+
+void GrpcClientCall::OnPlainTrailers() {
+  status_ = absl::OkStatus();
+  has_status_ = true;
 }
 
 void GrpcClientCall::OnTrailers(const HeaderList& headers) {
@@ -58,6 +70,7 @@ void GrpcClientCall::OnTrailers(const HeaderList& headers) {
   if (grpc_status.data() == nullptr) return;
   status_ = StatusFromTrailers(grpc_status, headers.Find("grpc-message"));
   has_status_ = true;
+  if (status_.ok() && headers.size() == 1) plain_answers_->trailers = headers.revision();
 }
 
 void GrpcClientCall::OnData(std::string_view chunk) {
@@ -87,6 +100,7 @@ void GrpcClientCall::OnRemoteEnd() {
 }
 
 void GrpcClientCall::OnClosed(Http2Error error) {
+  if (visitor_ == nullptr) return;
   if (error == Http2Error::kConnectionLost) {
     const absl::Status& failure = connection_->stream_failure();
     return Done(
@@ -96,7 +110,7 @@ void GrpcClientCall::OnClosed(Http2Error error) {
   // A server that ends the connection for an error, such as one client too many, wants no more.
   const bool may_be_sent_again = error == Http2Error::kRefusedStream && !has_headers_ &&
                                  !has_status_ && session_->failure().ok();
-  if (may_be_sent_again && visitor_ != nullptr && visitor_->OnUnprocessed()) {
+  if (may_be_sent_again && visitor_->OnUnprocessed()) {
     visitor_ = nullptr;
     return;
   }
@@ -142,6 +156,7 @@ GrpcClientCall* GrpcClientConnection::StartCall(std::string_view path, absl::Dur
   const StreamId stream_id = http2_.session().OpenStream(headers, std::move(call));
   if (stream_id < 0) return nullptr;
   started->session_ = &http2_.session();
+  started->plain_answers_ = &plain_answers_;
   started->connection_ = &http2_;
   started->stream_id_ = stream_id;
   return started;

@@ -2,6 +2,8 @@
 #define CORE_NET_GRPC_CLIENT_CONNECTION_H_
 
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -76,6 +78,16 @@ class GrpcClientCall final : public Http2Session::Handler, public Pooled {
   void OnRemoteEnd() override;
   void OnClosed(Http2Error error) override;
 
+  // Which header blocks say no more than that all is well; most do. Revisions of lists.
+  struct PlainAnswers {
+    static constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
+
+    std::uint64_t headers = kNone;
+    std::uint64_t trailers = kNone;
+  };
+
+  void OnPlainHeaders();
+  void OnPlainTrailers();
   void OnTrailers(const HeaderList& headers);
   // Ends the call from this side, because of what the server sent.
   void Fail(const absl::Status& status);
@@ -83,6 +95,7 @@ class GrpcClientCall final : public Http2Session::Handler, public Pooled {
 
   Http2Session* session_ = nullptr;  // Set once the stream is open, with what follows.
   const Http2Connection* connection_ = nullptr;
+  PlainAnswers* plain_answers_ = nullptr;
   StreamId stream_id_ = -1;
   Visitor* visitor_;  // Null once the call has ended.
   MessageReader reader_;
@@ -130,6 +143,7 @@ class GrpcClientConnection : private Http2Connection::Visitor {
   const std::string_view scheme_;
   const GrpcClientOptions options_;
   Visitor& visitor_;
+  GrpcClientCall::PlainAnswers plain_answers_;
   Http2Connection http2_;  // Last: calls into the rest.
 };
 

@@ -47,4 +47,13 @@ GrpcRequest ParseGrpcRequest(const HeaderList& headers) {
   return head;
 }
 
+const GrpcRequest& GrpcRequestMemo::Of(const HeaderList& headers) {
+  if (headers_ != &headers || revision_ != headers.revision()) {
+    request_ = ParseGrpcRequest(headers);
+    headers_ = &headers;
+    revision_ = headers.revision();
+  }
+  return request_;
+}
+
 }  // namespace varnic::net

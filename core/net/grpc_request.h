@@ -1,6 +1,7 @@
 #ifndef CORE_NET_GRPC_REQUEST_H_
 #define CORE_NET_GRPC_REQUEST_H_
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -30,6 +31,18 @@ struct HttpRejection {
 using GrpcRequest = std::variant<GrpcRequestHead, absl::Status, HttpRejection>;
 
 GrpcRequest ParseGrpcRequest(const HeaderList& headers);
+
+// Keeps what the last header block said, for the next one that is the same.
+class GrpcRequestMemo {
+ public:
+  // Valid until the next call, and until `headers` change.
+  const GrpcRequest& Of(const HeaderList& headers);
+
+ private:
+  const HeaderList* headers_ = nullptr;  // Of `request_`, whose views point there.
+  std::uint64_t revision_ = 0;
+  GrpcRequest request_;
+};
 
 // Whether a content-type names gRPC with messages in any format ("application/grpc+proto").
 bool IsGrpcContentType(std::string_view content_type);

@@ -98,5 +98,20 @@ TEST_F(GrpcRequestTest, WhatIsNoCallIsRejectedBeforeItsTimeoutIsRead) {
   EXPECT_EQ(RejectionOf({{"content-type", "text/html"}, {"grpc-timeout", "soon"}}), "415");
 }
 
+TEST(GrpcRequestMemoTest, EachBlockGivesWhatItSays) {
+  GrpcRequestMemo memo;
+  HeaderList headers;
+  headers.Add(":method", "POST");
+  headers.Add("content-type", "application/grpc");
+  headers.Add(":path", "/a");
+  EXPECT_EQ(std::get<GrpcRequestHead>(memo.Of(headers)).path, "/a");
+  EXPECT_EQ(std::get<GrpcRequestHead>(memo.Of(headers)).path, "/a");
+
+  headers.Truncate(2);
+  headers.Add(":path", "/b");
+
+  EXPECT_EQ(std::get<GrpcRequestHead>(memo.Of(headers)).path, "/b");
+}
+
 }  // namespace
 }  // namespace varnic::net

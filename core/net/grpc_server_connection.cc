@@ -1,7 +1,6 @@
 #include "core/net/grpc_server_connection.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "absl/container/inlined_vector.h"
@@ -16,6 +15,11 @@ using Fields = absl::InlinedVector<HeaderField, 5>;
 
 constexpr HeaderField kResponseFields[] = {
     {":status", "200"}, {"content-type", "application/grpc"}, {"grpc-accept-encoding", "identity"}};
+// Of them, what a client hears that does not compress: each field of each answer takes time.
+constexpr std::size_t kPlainResponseFields = 2;
+
+// What follows the response of a call that went well.
+constexpr HeaderField kOkTrailers[] = {{"grpc-status", "0"}};
 
 // Many clients read no more than 8 KiB of header fields, and refuse the whole answer otherwise.
 constexpr std::size_t kMaxTrailerText = 6 << 10;
@@ -68,14 +72,20 @@ std::shared_ptr<const Metadata> GrpcServerCall::RequestMetadata(const GrpcReques
   return connection_.metadata_.Of(*head.headers);
 }
 
+absl::Span<const HeaderField> GrpcServerCall::ResponseFields() const {
+  const absl::Span<const HeaderField> all = kResponseFields;
+  return names_encoding_ ? all : all.first(kPlainResponseFields);
+}
+
 void GrpcServerCall::SendHeaders(const Metadata& metadata) {
   if (finished_ || std::exchange(headers_sent_, true)) return;
+  const absl::Span<const HeaderField> own_fields = ResponseFields();
   if (metadata.empty()) {
-    session().SendHeaders(stream_id_, kResponseFields, /*end_stream=*/false,
+    session().SendHeaders(stream_id_, own_fields, /*end_stream=*/false,
                           Http2Session::HeaderText::kConstant);
     return;
   }
-  Fields fields(std::begin(kResponseFields), std::end(kResponseFields));
+  Fields fields(own_fields.begin(), own_fields.end());
   AppendFields(metadata, fields);
   session().SendHeaders(stream_id_, fields, /*end_stream=*/false);
 }
@@ -88,6 +98,12 @@ void GrpcServerCall::Send(std::string framed, std::shared_ptr<const std::string>
   } else {
     session().SendSharedData(stream_id_, std::move(framed), std::move(shared));
   }
+}
+
+void GrpcServerCall::SendCopy(std::string_view framed) {
+  if (finished_) return;
+  SendHeaders();
+  session().SendCopy(stream_id_, framed);
 }
 
 bool GrpcServerCall::HasRoom() const {
@@ -105,12 +121,15 @@ void GrpcServerCall::Finish(const absl::Status& status, const Metadata& metadata
   if (std::exchange(finished_, true)) return;
   TakeVisitor();
   ReportEnd(status.code());
+  if (headers_sent_ && status.ok() && metadata.empty()) {
+    return session().SendTrailers(stream_id_, kOkTrailers, Http2Session::HeaderText::kConstant);
+  }
   const std::string message =
       EncodeText(std::string_view(status.message().data(), status.message().size()),
                  kMaxTrailerText - std::min(metadata.size_bytes(), kMaxTrailerText));
   Fields fields;
   // Without a message before it, the status stands in the only header block.
-  if (!headers_sent_) fields.assign(std::begin(kResponseFields), std::end(kResponseFields));
+  if (!headers_sent_) fields.assign(ResponseFields().begin(), ResponseFields().end());
   fields.push_back({"grpc-status", FormatGrpcStatus(status.code())});
   if (!message.empty()) fields.push_back({"grpc-message", message});
   AppendFields(metadata, fields);
@@ -125,7 +144,7 @@ void GrpcServerCall::Finish(const absl::Status& status, const Metadata& metadata
 
 void GrpcServerCall::OnHeaders(const HeaderList& headers) {
   if (std::exchange(request_seen_, true)) return;  // A client has nothing to say in trailers.
-  const GrpcRequest request = ParseGrpcRequest(headers);
+  const GrpcRequest& request = connection_.requests_.Of(headers);
   if (const auto* head = std::get_if<GrpcRequestHead>(&request)) {
     Begin(*head);
   } else if (const auto* status = std::get_if<absl::Status>(&request)) {

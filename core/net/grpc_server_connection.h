@@ -9,6 +9,7 @@
 
 #include "absl/status/status.h"
 #include "absl/time/time.h"
+#include "absl/types/span.h"
 #include "core/net/block_pool.h"
 #include "core/net/byte_stream.h"
 #include "core/net/edge/connection_limits.h"
@@ -100,6 +101,8 @@ class GrpcServerCall final : public Http2Session::Handler, public Pooled {
   // Sends one message, framed by FrameMessage(); or, with `shared`, the framing and the beginning
   // of one, whose rest is `shared`.
   void Send(std::string framed, std::shared_ptr<const std::string> shared = nullptr);
+  // The same for a small message, which is copied.
+  void SendCopy(std::string_view framed);
   // Whether what was sent so far is on its way, but for a little. Whoever has much to send keeps
   // the rest for later.
   bool HasRoom() const;
@@ -129,6 +132,8 @@ class GrpcServerCall final : public Http2Session::Handler, public Pooled {
   Visitor* TakeVisitor();
 
   Http2Session& session() const;
+  // Of a response, without metadata.
+  absl::Span<const HeaderField> ResponseFields() const;
 
   GrpcServerConnection& connection_;
   const StreamId stream_id_;
@@ -188,6 +193,7 @@ class GrpcServerConnection : private Http2Connection::Visitor {
   Visitor& visitor_;
   const std::shared_ptr<const Peer> peer_;
   UnfinishedMessages unfinished_;
+  GrpcRequestMemo requests_;
   MetadataMemo metadata_;
   Http2Connection http2_;  // Last: calls into the rest.
 };

@@ -1,8 +1,18 @@
 #include "core/net/header_list.h"
 
 #include <algorithm>
+#include <atomic>
 
 namespace varnic::net {
+namespace {
+
+std::uint64_t NextRevision() {
+  // Of all threads: a loop, with the lists of its connections, may go from one to another.
+  static std::atomic<std::uint64_t> last = 0;
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+}  // namespace
 
 void HeaderList::Add(std::string_view name, std::string_view value) {
   const std::size_t end = text_size_ + name.size() + value.size();
@@ -11,11 +21,14 @@ void HeaderList::Add(std::string_view name, std::string_view value) {
   std::copy(value.begin(), value.end(), std::copy(name.begin(), name.end(), begin));
   fields_.push_back({text_size_, name.size(), value.size()});
   text_size_ = end;
+  revision_ = NextRevision();
 }
 
-void HeaderList::Clear() {
-  text_size_ = 0;
-  fields_.clear();
+void HeaderList::Truncate(std::size_t count) {
+  if (count >= fields_.size()) return;
+  text_size_ = fields_[count].offset;
+  fields_.resize(count);
+  revision_ = count == 0 ? 0 : NextRevision();
 }
 
 std::string_view HeaderList::Find(std::string_view name) const {

@@ -2,6 +2,7 @@
 #define CORE_NET_HEADER_LIST_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,7 +20,13 @@ struct HeaderField {
 class HeaderList {
  public:
   void Add(std::string_view name, std::string_view value);
-  void Clear();
+  void Clear() { Truncate(0); }
+  // Keeps the first `count` fields.
+  void Truncate(std::size_t count);
+
+  // Another one after each change, and never that of a list with other fields: what was found out
+  // about a list holds as long as it has the same.
+  std::uint64_t revision() const { return revision_; }
 
   std::size_t size() const { return fields_.size(); }
   HeaderField operator[](std::size_t i) const {
@@ -41,6 +48,7 @@ class HeaderList {
   std::vector<char> text_;  // What is behind `text_size_` is not used yet.
   std::size_t text_size_ = 0;
   std::vector<Extent> fields_;
+  std::uint64_t revision_ = 0;
 };
 
 }  // namespace varnic::net

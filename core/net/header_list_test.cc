@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
+#include <thread>
 
 namespace varnic::net {
 namespace {
@@ -56,6 +58,52 @@ TEST(HeaderListTest, AClearedListHoldsOnlyTheNextBlock) {
   ASSERT_EQ(headers.size(), 1u);
   EXPECT_EQ(headers.Find("new"), "x");
   EXPECT_EQ(headers.Find("old").data(), nullptr);
+}
+
+TEST(HeaderListTest, ATruncatedListHoldsItsFirstFields) {
+  HeaderList headers;
+  headers.Add("first", "1");
+  headers.Add("second", "2");
+
+  headers.Truncate(1);
+  headers.Add("third", "3");
+
+  ASSERT_EQ(headers.size(), 2u);
+  EXPECT_EQ(headers.Find("first"), "1");
+  EXPECT_EQ(headers.Find("second").data(), nullptr);
+  EXPECT_EQ(headers.Find("third"), "3");
+}
+
+TEST(HeaderListTest, TheRevisionIsAnotherAfterEachChange) {
+  HeaderList headers;
+  HeaderList other;
+  headers.Add("key", "value");
+  other.Add("key", "value");
+  const std::uint64_t one_field = headers.revision();
+
+  EXPECT_NE(other.revision(), one_field);
+  headers.Truncate(1);
+  EXPECT_EQ(headers.revision(), one_field);
+  headers.Add("more", "x");
+  EXPECT_NE(headers.revision(), one_field);
+  headers.Truncate(1);
+  EXPECT_NE(headers.revision(), one_field);
+}
+
+// A loop may go on in another thread, with its connections.
+TEST(HeaderListTest, AnotherThreadGivesOtherRevisions) {
+  HeaderList headers;
+  std::uint64_t elsewhere = 0;
+  std::thread thread([&] {
+    HeaderList other;
+    other.Add("key", "value");
+    elsewhere = other.revision();
+  });
+  thread.join();
+  std::thread another([&] { headers.Add("key", "other"); });
+  another.join();
+
+  EXPECT_NE(headers.revision(), elsewhere);
 }
 
 }  // namespace

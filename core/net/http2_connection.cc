@@ -68,6 +68,11 @@ void Http2Connection::OnPing() {
   if (!guard_.AdmitPing(LoopClock::now(), frames_sent)) session_.EndFor(EdgeRule::kPings);
 }
 
+// A peer that does not read is offered nothing in between.
+void Http2Connection::OnStep() {
+  if (unsent_.empty()) WriteOutput();
+}
+
 void Http2Connection::OnOutputPending() {
   if (std::exchange(flush_follows_, true)) return;
   loop_.Post(lifetime_.Guard([this] { Flush(); }));

@@ -16,8 +16,9 @@
 namespace varnic::net {
 
 // An Http2Session on a ByteStream: moves the bytes, and writes once per turn of the loop what all
-// the streams have to say. Takes output from the session only as fast as the peer reads it, and
-// ends a connection on which the peer does not keep to the limits.
+// the streams have to say; when much has come in one turn, a few times while it is processed, so
+// that both ends have something to do. Takes output from the session only as fast as the peer reads
+// it, and ends a connection on which the peer does not keep to the limits.
 //
 // Owns the byte stream. RPC thread only.
 class Http2Connection : private ByteStream::Visitor, private Http2Session::Visitor {
@@ -53,6 +54,7 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   std::unique_ptr<Http2Session::Handler> OnNewStream(StreamId stream_id) override;
   void OnGoaway() override;
   void OnPing() override;
+  void OnStep() override;
   void OnOutputPending() override;
 
   void Flush();

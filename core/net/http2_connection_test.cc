@@ -55,6 +55,12 @@ class Http2ConnectionTest : public ::testing::Test, private Http2Connection::Vis
     loop_.RunPending();
   }
 
+  // What a peer sends that starts so many calls at once.
+  std::string MakeBurst(int calls) {
+    for (int i = 0; i < calls; ++i) client_.Request(kRequest, /*end=*/true);
+    return client_.Take();
+  }
+
   // Opens a stream, and answers it with `size` bytes and no end.
   StreamId Answer(std::size_t size) {
     const StreamId id = client_.Request(kRequest, /*end=*/true);
@@ -71,31 +77,36 @@ class Http2ConnectionTest : public ::testing::Test, private Http2Connection::Vis
   // "headers 1", "data 1", "end 1", "closed 1 error", "connection closed: status".
   std::vector<std::string> events_;
   bool refuse_streams_ = false;
+  bool answer_at_once_ = false;
   bool destroy_at_end_ = false;
   std::unique_ptr<Http2Connection> connection_;  // Last: calls into the rest.
 
  private:
   class Handler : public Http2Session::Handler {
    public:
-    Handler(std::vector<std::string>& events, StreamId id) : events_(events), id_(id) {}
+    Handler(Http2ConnectionTest& test, StreamId id) : test_(test), id_(id) {}
 
    private:
     void OnHeaders(const HeaderList&) override { Note("headers"); }
     void OnData(std::string_view) override { Note("data"); }
-    void OnRemoteEnd() override { Note("end"); }
+    void OnRemoteEnd() override {
+      Note("end");
+      if (!test_.answer_at_once_) return;
+      test_.connection_->session().SendHeaders(id_, {{":status", "200"}}, /*end_stream=*/true);
+    }
     void OnClosed(Http2Error error) override {
       Note("closed");
-      absl::StrAppend(&events_.back(), " ", static_cast<int32_t>(error));
+      absl::StrAppend(&test_.events_.back(), " ", static_cast<int32_t>(error));
     }
-    void Note(const char* event) { events_.push_back(absl::StrCat(event, " ", id_)); }
+    void Note(const char* event) { test_.events_.push_back(absl::StrCat(event, " ", id_)); }
 
-    std::vector<std::string>& events_;
+    Http2ConnectionTest& test_;
     const StreamId id_;
   };
 
   std::unique_ptr<Http2Session::Handler> OnNewStream(StreamId stream_id) override {
     if (refuse_streams_) return nullptr;
-    return std::make_unique<Handler>(events_, stream_id);
+    return std::make_unique<Handler>(*this, stream_id);
   }
   void OnGoaway() override { events_.push_back("goaway"); }
   void OnConnectionClosed(const absl::Status& status) override {
@@ -140,6 +151,69 @@ TEST_F(Http2ConnectionTest, OutputIsWrittenInEveryTurnThatHasSome) {
   Exchange();
 
   EXPECT_EQ(client_.body(id), "xxxxxx");
+}
+
+TEST_F(Http2ConnectionTest, ABurstIsAnsweredWhileTheRestOfItIsWorkedOn) {
+  answer_at_once_ = true;
+  Exchange();
+  const std::string burst = MakeBurst(1000);
+  ASSERT_GT(burst.size(), (4u + 8u) << 10);
+  ASSERT_LT(burst.size(), (4u + 8u + 16u) << 10);
+  const int before = peer_.writes();
+
+  peer_.Send(burst);
+
+  EXPECT_EQ(peer_.writes(), before + 3);
+  client_.Receive(peer_.Take());
+  std::vector<std::string> in_order;
+  for (int id = 1; id < 2000; id += 2) {
+    in_order.push_back(absl::StrCat("HEADERS ", id, " :status=200"));
+    in_order.push_back(absl::StrCat("END ", id));
+  }
+  EXPECT_EQ(client_.events(), in_order);
+}
+
+TEST_F(Http2ConnectionTest, ABurstThatNeedsNoAnswerIsNotAnswered) {
+  Exchange();
+  const StreamId id = client_.Request(kRequest);
+  client_.Data(id, std::string(60 << 10, 'x'));
+  const std::string burst = client_.Take();
+  const int before = peer_.writes();
+
+  peer_.Send(burst);
+
+  EXPECT_EQ(peer_.writes(), before);
+  EXPECT_THAT(events_, Contains("data 1"));
+}
+
+TEST_F(Http2ConnectionTest, APeerThatDoesNotReadIsOfferedTheAnswersToABurstOnce) {
+  answer_at_once_ = true;
+  Exchange();
+  peer_.LimitRoom(0);
+  peer_.Send(MakeBurst(1));
+  const std::string burst = MakeBurst(500);
+  ASSERT_GT(burst.size(), 4u << 10);
+  const int before = peer_.writes();
+
+  peer_.Send(burst);
+
+  EXPECT_EQ(peer_.writes(), before + 1);
+  peer_.MakeRoom();
+  Exchange();
+  EXPECT_THAT(client_.events(), Contains("END 1001"));
+}
+
+TEST_F(Http2ConnectionTest, NothingOfABurstIsServedBehindAFault) {
+  testing::FakeClock clock;
+  Exchange();
+  const std::string fault = MakeFrame(/*DATA*/ 0, 0, /*stream_id=*/0, "x");
+  const std::string burst = MakeBurst(1000);
+
+  peer_.Send(fault + burst);
+  WaitForFarewell(clock);
+
+  EXPECT_FALSE(peer_.open());
+  EXPECT_THAT(events_, ElementsAre(HasSubstr("connection closed: INVALID_ARGUMENT")));
 }
 
 TEST_F(Http2ConnectionTest, APeerThatStopsReadingCostsOneChunkAndNoMore) {

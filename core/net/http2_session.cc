@@ -20,11 +20,13 @@
 namespace varnic::net {
 namespace {
 
-// What RFC 9113, section 6.5.2, adds to the size of each field.
-constexpr std::size_t kHeaderOverhead = 32;
-
 // A header block so many times larger than it may be is not even counted to its end.
 constexpr std::size_t kHopelesslyLarge = 4;
+
+// What has come at once is answered after so many bytes, some dozens of small calls, and then after
+// twice as many, and so on: the peer reads the first answers while the others are made, large
+// messages stay in one piece, and there are few writes.
+constexpr std::size_t kFirstStepBytes = 4 << 10;
 
 // nghttp2 copies names and values that are not constant, so views are enough.
 class NameValues {
@@ -122,12 +124,6 @@ bool EndsStream(const nghttp2_frame& frame) {
          (frame.hd.type == NGHTTP2_DATA || frame.hd.type == NGHTTP2_HEADERS);
 }
 
-bool IsForStream(const nghttp2_frame& frame) {
-  return frame.hd.stream_id != 0 &&
-         (frame.hd.type == NGHTTP2_DATA || frame.hd.type == NGHTTP2_HEADERS ||
-          frame.hd.type == NGHTTP2_WINDOW_UPDATE);
-}
-
 }  // namespace
 
 // What nghttp2 does about the queue of a stream.
@@ -157,8 +153,7 @@ struct Http2Session::Callbacks {
   static int OnBeginHeaders(nghttp2_session* /*session*/, const nghttp2_frame* frame,
                             void* user_data) {
     Http2Session& self = Self(user_data);
-    self.incoming_.Clear();
-    self.incoming_bytes_ = 0;
+    Incoming(self, *frame).Begin();
     if (frame->headers.cat == NGHTTP2_HCAT_REQUEST) {
       self.Add(frame->hd.stream_id, std::make_unique<Stream>());
       self.last_opened_ = frame->hd.stream_id;
@@ -167,23 +162,22 @@ struct Http2Session::Callbacks {
     return 0;
   }
 
-  static int OnHeader(nghttp2_session* session, const nghttp2_frame* frame, const uint8_t* name,
-                      size_t name_size, const uint8_t* value, size_t value_size, uint8_t /*flags*/,
-                      void* user_data) {
+  // Trailers are mostly like trailers before them, and not like what began their stream.
+  static ReceivedHeaders& Incoming(Http2Session& self, const nghttp2_frame& frame) {
+    return frame.headers.cat == NGHTTP2_HCAT_HEADERS ? self.incoming_trailers_
+                                                     : self.incoming_heads_;
+  }
+
+  static int OnHeader(nghttp2_session* session, const nghttp2_frame* frame, nghttp2_rcbuf* name,
+                      nghttp2_rcbuf* value, uint8_t /*flags*/, void* user_data) {
     Http2Session& self = Self(user_data);
-    self.incoming_bytes_ += name_size + value_size + kHeaderOverhead;
+    ReceivedHeaders& block = Incoming(self, *frame);
+    block.Add(name, value);
     const std::size_t limit = self.options_.max_header_list_bytes;
-    if (self.incoming_bytes_ > limit && self.role_ == Role::kServer &&
-        self.incoming_bytes_ <= kHopelesslyLarge * limit) {
-      return 0;
-    }
-    if (self.incoming_bytes_ > limit) {
-      SubmitReset(session, frame->hd.stream_id, Http2Error::kEnhanceYourCalm);
-      return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // Ignores the rest of the block.
-    }
-    self.incoming_.Add({reinterpret_cast<const char*>(name), name_size},
-                       {reinterpret_cast<const char*>(value), value_size});
-    return 0;
+    if (block.bytes() <= limit) return 0;
+    if (self.role_ == Role::kServer && block.bytes() <= kHopelesslyLarge * limit) return 0;
+    SubmitReset(session, frame->hd.stream_id, Http2Error::kEnhanceYourCalm);
+    return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // Ignores the rest of the block.
   }
 
   static int OnDataChunk(nghttp2_session* /*session*/, uint8_t /*flags*/, int32_t stream_id,
@@ -215,7 +209,9 @@ struct Http2Session::Callbacks {
     if (frame->hd.type == NGHTTP2_PING && !acknowledges) self.visitor_.OnPing();
     Stream* stream = self.Find(frame->hd.stream_id);
     if (stream == nullptr) return 0;
-    if (frame->hd.type == NGHTTP2_HEADERS) self.OnHeaderBlock(frame->hd.stream_id, *stream);
+    if (frame->hd.type == NGHTTP2_HEADERS) {
+      self.OnHeaderBlock(frame->hd.stream_id, *stream, Incoming(self, *frame));
+    }
     if (EndsStream(*frame)) {
       stream->remote_ended = true;
       if (stream->handler != nullptr) stream->handler->OnRemoteEnd();
@@ -231,15 +227,17 @@ struct Http2Session::Callbacks {
   // section 8.1); otherwise the stream would count against the peer's limit until it sent the rest.
   static int OnFrameSent(nghttp2_session* session, const nghttp2_frame* frame, void* user_data) {
     Http2Session& self = Self(user_data);
-    if (frame->hd.type == NGHTTP2_GOAWAY && frame->goaway.error_code != NGHTTP2_NO_ERROR) {
-      OnErrorSent(self, frame->goaway);
-    }
-    if (IsForStream(*frame)) ++self.activity_.stream_frames_sent;
-    if (self.guards_ != nullptr) TellGuard(self, *frame);
-    if (frame->hd.type == NGHTTP2_DATA) OnDataSent(self, frame->hd.stream_id);
-    if (!EndsStream(*frame)) return 0;
+    const bool is_data = frame->hd.type == NGHTTP2_DATA;
+    if (!is_data && frame->hd.type != NGHTTP2_HEADERS) return OnControlFrameSent(self, *frame);
+    ++self.activity_.stream_frames_sent;
+    if (is_data && self.guards_ != nullptr) self.guards_->floods().OnDataSent();
+    const bool ends_stream = (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+    if (!is_data && !ends_stream) return 0;
     Stream* stream = self.Find(frame->hd.stream_id);
     if (stream == nullptr) return 0;
+    if (is_data) OnDataSent(self, frame->hd.stream_id, *stream);
+    if (!ends_stream) return 0;
+    if (stream->too_large) self.EndIfBroken(self.guards_->floods().OnFault(LoopClock::now()));
     stream->local_ended = true;
     if (self.role_ == Role::kServer && !stream->remote_ended) {
       SubmitReset(session, frame->hd.stream_id, Http2Error::kNoError);
@@ -248,11 +246,21 @@ struct Http2Session::Callbacks {
   }
 
   // More may have come while the last piece was on its way.
-  static void OnDataSent(Http2Session& self, StreamId stream_id) {
-    Stream* stream = self.Find(stream_id);
-    if (stream == nullptr || stream->reading != Reading::kLeaving) return;
-    stream->reading = Reading::kNone;
-    if (!stream->queue.empty() || stream->end_after_queue) self.SendWaiting(stream_id, *stream);
+  static void OnDataSent(Http2Session& self, StreamId stream_id, Stream& stream) {
+    if (stream.reading != Reading::kLeaving) return;
+    stream.reading = Reading::kNone;
+    if (!stream.queue.empty() || stream.end_after_queue) self.SendWaiting(stream_id, stream);
+  }
+
+  static int OnControlFrameSent(Http2Session& self, const nghttp2_frame& frame) {
+    if (frame.hd.type == NGHTTP2_GOAWAY && frame.goaway.error_code != NGHTTP2_NO_ERROR) {
+      OnErrorSent(self, frame.goaway);
+    }
+    if (frame.hd.type == NGHTTP2_WINDOW_UPDATE && frame.hd.stream_id != 0) {
+      ++self.activity_.stream_frames_sent;
+    }
+    if (frame.hd.type == NGHTTP2_RST_STREAM && self.guards_ != nullptr) OnResetSent(self, frame);
+    return 0;
   }
 
   // The session itself has found a fault, or a rule was broken.
@@ -266,18 +274,11 @@ struct Http2Session::Callbacks {
   }
 
   // nghttp2 makes resets of its own for what the peer does wrong, none of them with NO_ERROR.
-  static void TellGuard(Http2Session& self, const nghttp2_frame& frame) {
+  static void OnResetSent(Http2Session& self, const nghttp2_frame& frame) {
     const Stream* stream = self.Find(frame.hd.stream_id);
-    if (frame.hd.type == NGHTTP2_DATA) {
-      self.guards_->floods().OnDataSent();
-    } else if (frame.hd.type == NGHTTP2_RST_STREAM) {
-      const bool wanted = frame.rst_stream.error_code == NGHTTP2_NO_ERROR ||
-                          (stream != nullptr && stream->reset_here);
-      self.EndIfBroken(self.guards_->floods().OnResetSent(/*for_fault=*/!wanted, LoopClock::now()));
-    }
-    if (EndsStream(frame) && stream != nullptr && stream->too_large) {
-      self.EndIfBroken(self.guards_->floods().OnFault(LoopClock::now()));
-    }
+    const bool wanted = frame.rst_stream.error_code == NGHTTP2_NO_ERROR ||
+                        (stream != nullptr && stream->reset_here);
+    self.EndIfBroken(self.guards_->floods().OnResetSent(/*for_fault=*/!wanted, LoopClock::now()));
   }
 
   // A header block that nghttp2 finds too large: without an answer its stream would never end, and
@@ -348,7 +349,11 @@ void Http2Session::SessionDeleter::operator()(nghttp2_session* session) const {
 }
 
 Http2Session::Http2Session(Role role, const Http2Options& options, Visitor& visitor)
-    : role_(role), options_(options), visitor_(visitor) {
+    : role_(role),
+      options_(options),
+      visitor_(visitor),
+      incoming_heads_(options.max_header_list_bytes),
+      incoming_trailers_(options.max_header_list_bytes) {
   if (role == Role::kServer) {
     guards_ = std::make_unique<ClientFrames>(options.floods, options.max_concurrent_streams,
                                              options.edge_counters);
@@ -356,7 +361,7 @@ Http2Session::Http2Session(Role role, const Http2Options& options, Visitor& visi
   nghttp2_session_callbacks* callbacks;
   CheckOk(nghttp2_session_callbacks_new(&callbacks));
   nghttp2_session_callbacks_set_on_begin_headers_callback(callbacks, Callbacks::OnBeginHeaders);
-  nghttp2_session_callbacks_set_on_header_callback(callbacks, Callbacks::OnHeader);
+  nghttp2_session_callbacks_set_on_header_callback2(callbacks, Callbacks::OnHeader);
   nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, Callbacks::OnDataChunk);
   nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, Callbacks::OnFrame);
   nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, Callbacks::OnFrameSent);
@@ -425,6 +430,16 @@ absl::Status Http2Session::EndForFault(ProtocolFault fault) {
 }
 
 absl::Status Http2Session::Receive(std::string_view bytes) {
+  for (std::size_t step = kFirstStepBytes; bytes.size() > step; step *= 2) {
+    const absl::Status status = ReceiveStep(bytes.substr(0, step));
+    if (!status.ok() || broken_rule_.has_value()) return status;
+    bytes.remove_prefix(step);
+    if (output_announced_) visitor_.OnStep();
+  }
+  return ReceiveStep(bytes);
+}
+
+absl::Status Http2Session::ReceiveStep(std::string_view bytes) {
   const ssize_t result = nghttp2_session_mem_recv(
       session_.get(), reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   if (result >= 0) return absl::OkStatus();
@@ -543,6 +558,14 @@ void Http2Session::SendData(StreamId stream_id, std::string bytes, bool end_stre
   SendWaiting(stream_id, *stream);
 }
 
+void Http2Session::SendCopy(StreamId stream_id, std::string_view bytes) {
+  Stream* stream = Find(stream_id);
+  if (stream == nullptr) return;
+  activity_.bytes_queued += bytes.size();
+  stream->queue.AppendCopy(bytes);
+  SendWaiting(stream_id, *stream);
+}
+
 void Http2Session::SendSharedData(StreamId stream_id, std::string head,
                                   std::shared_ptr<const std::string> bytes) {
   Stream* stream = Find(stream_id);
@@ -639,21 +662,21 @@ Http2Session::Stream& Http2Session::Add(StreamId stream_id, std::unique_ptr<Stre
   return *found_;
 }
 
-void Http2Session::OnHeaderBlock(StreamId stream_id, Stream& stream) {
+void Http2Session::OnHeaderBlock(StreamId stream_id, Stream& stream, ReceivedHeaders& block) {
   if (stream.handler == nullptr) {
     stream.handler = visitor_.OnNewStream(stream_id);
     if (stream.handler == nullptr) {
       return Callbacks::SubmitReset(session_.get(), stream_id, Http2Error::kRefusedStream);
     }
   }
-  if (incoming_bytes_ > options_.max_header_list_bytes) {
-    return OnLargeHeaderBlock(stream_id, stream);
+  if (block.bytes() > options_.max_header_list_bytes) {
+    return OnLargeHeaderBlock(stream_id, stream, block);
   }
-  stream.handler->OnHeaders(incoming_);
+  stream.handler->OnHeaders(block.End());
 }
 
-void Http2Session::OnLargeHeaderBlock(StreamId stream_id, Stream& stream) {
-  incoming_.Clear();
+void Http2Session::OnLargeHeaderBlock(StreamId stream_id, Stream& stream, ReceivedHeaders& block) {
+  block.Clear();
   stream.too_large = true;
   if (stream.handler->OnHeadersTooLarge(options_.max_header_list_bytes)) return;
   stream.too_large = false;

@@ -17,6 +17,7 @@
 #include "core/net/edge/stall_watch.h"
 #include "core/net/header_list.h"
 #include "core/net/loop_clock.h"
+#include "core/net/received_headers.h"
 
 struct nghttp2_session;
 
@@ -101,6 +102,9 @@ class Http2Session {
     virtual void OnGoaway() = 0;
     // The peer has sent a ping, which is answered.
     virtual void OnPing() {}
+    // Much has come at once, and a part of it is processed: time to take what there is to say to
+    // that, which is fine here.
+    virtual void OnStep() {}
     // There is output to take. Comes once, until the output was taken.
     virtual void OnOutputPending() = 0;
   };
@@ -161,6 +165,8 @@ class Http2Session {
   // The rest belongs to both. What is sent on a stream that is already gone, as it may be after a
   // reset by the peer, is dropped.
   void SendData(StreamId stream_id, std::string bytes, bool end_stream);
+  // The same for what is small, and costs less to copy than to own.
+  void SendCopy(StreamId stream_id, std::string_view bytes);
   // The same, with bytes behind it that go out on many streams, which all keep the same ones.
   void SendSharedData(StreamId stream_id, std::string head,
                       std::shared_ptr<const std::string> bytes);
@@ -199,9 +205,10 @@ class Http2Session {
   Stream* Find(StreamId stream_id) const;
   Stream& Add(StreamId stream_id, std::unique_ptr<Stream> stream);
   absl::Status Receive(std::string_view bytes);
+  absl::Status ReceiveStep(std::string_view bytes);
   absl::Status EndForFault(ProtocolFault fault);
-  void OnHeaderBlock(StreamId stream_id, Stream& stream);
-  void OnLargeHeaderBlock(StreamId stream_id, Stream& stream);
+  void OnHeaderBlock(StreamId stream_id, Stream& stream, ReceivedHeaders& block);
+  void OnLargeHeaderBlock(StreamId stream_id, Stream& stream, ReceivedHeaders& block);
   bool IsAnswered(StreamId stream_id) const;
   bool HasSlot() const;
   void SubmitRequest(StreamId stream_id, Stream& stream, absl::Span<const HeaderField> headers);
@@ -226,8 +233,9 @@ class Http2Session {
   std::unique_ptr<ClientFrames> guards_;  // A server's.
   StreamId last_opened_ = 0;              // By the peer.
   Activity activity_;
-  std::size_t incoming_bytes_ = 0;
-  HeaderList incoming_;  // Header blocks never interleave (RFC 9113, section 4.3), so one will do.
+  // Header blocks never interleave (RFC 9113, section 4.3), so one of each kind will do.
+  ReceivedHeaders incoming_heads_;
+  ReceivedHeaders incoming_trailers_;
   LoopClock::time_point input_time_;
   absl::flat_hash_map<StreamId, std::unique_ptr<Stream>> streams_;
   // A client's: the headers of those that wait for their turn. nghttp2 would keep what it was given

@@ -132,6 +132,13 @@ class RecordedSession : public Http2Session::Visitor {
   std::unique_ptr<Http2Session> session_;
 };
 
+class SilentHandler : public Http2Session::Handler {
+  void OnHeaders(const HeaderList& /*headers*/) override {}
+  void OnData(std::string_view /*chunk*/) override {}
+  void OnRemoteEnd() override {}
+  void OnClosed(Http2Error /*error*/) override {}
+};
+
 // A client and a server, and the strings between them.
 class Http2SessionTest : public ::testing::Test {
  protected:
@@ -707,6 +714,35 @@ TEST_F(Http2SessionTest, AHeaderBlockThatIsTooLargeResetsItsStreamOnly) {
   EXPECT_THAT(client.events(), ElementsAre("RESET 1 11"));
 }
 
+TEST_F(Http2SessionTest, ABlockHasNoFieldsOfTheBlocksBeforeIt) {
+  Http2Options options;
+  options.max_header_list_bytes = 1000;
+  RecordedSession server(Http2Session::Role::kServer, options);
+  RawHttp2Peer client(RawHttp2Peer::Role::kClient);
+  const RawHttp2Peer::Fields fields = {
+      {":method", "POST"}, {":scheme", "http"}, {":path", "/"}, {":authority", "test"}};
+  RawHttp2Peer::Fields secret = fields;
+  secret.emplace_back("authorization", "first");
+  secret.emplace_back("x", "1");
+  RawHttp2Peer::Fields other = fields;
+  other.emplace_back("x", "1");
+  RawHttp2Peer::Fields large = secret;
+  for (int i = 0; i < 30; ++i) large.emplace_back("x-repeated", "well compressed");
+  for (const auto& block : {secret, fields, secret, other, secret, large, fields, secret}) {
+    client.Request(block, /*end=*/false);
+  }
+
+  Feed(server, client.Take(), kEverything);
+
+  const std::string plain = " :method=POST :path=/";
+  EXPECT_THAT(
+      server.events(),
+      ElementsAre("headers 1" + plain + " authorization=first x=1", "headers 3" + plain,
+                  "headers 5" + plain + " authorization=first x=1", "headers 7" + plain + " x=1",
+                  "headers 9" + plain + " authorization=first x=1", "headers 13" + plain,
+                  "headers 15" + plain + " authorization=first x=1"));
+}
+
 TEST_F(Http2SessionTest, AnAnswerTooLargeToBeSentResetsItsStream) {
   const StreamId id = client_.Open();
   client_->SendData(id, "", /*end_stream=*/true);
@@ -797,6 +833,26 @@ TEST_F(Http2SessionTest, HandlersMaySendAndResetInsideEveryCallback) {
     EXPECT_EQ(server.events().back(), "closed 1 8") << event;
     EXPECT_EQ(client.events().back(), "closed 1 8") << event;
   }
+}
+
+TEST_F(Http2SessionTest, RequestsThatRepeatAndRequestsThatDifferArriveAsTheyWereSent) {
+  for (const char* path : {"/a", "/a", "/b", "/a", "/longer", "/a"}) client_.Open(path);
+  const StreamId longer = client_->OpenStream({{":method", "POST"},
+                                               {":scheme", "http"},
+                                               {":path", "/a"},
+                                               {":authority", "test"},
+                                               {"one", "more"}},
+                                              std::make_unique<SilentHandler>());
+  client_.Open("/a");
+  Exchange();
+
+  EXPECT_EQ(longer, 13);
+  EXPECT_THAT(
+      server_.events(),
+      ElementsAre("headers 1 :method=POST :path=/a", "headers 3 :method=POST :path=/a",
+                  "headers 5 :method=POST :path=/b", "headers 7 :method=POST :path=/a",
+                  "headers 9 :method=POST :path=/longer", "headers 11 :method=POST :path=/a",
+                  "headers 13 :method=POST :path=/a one=more", "headers 15 :method=POST :path=/a"));
 }
 
 }  // namespace

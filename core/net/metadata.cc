@@ -138,10 +138,14 @@ std::vector<std::string> Metadata::FindAll(std::string_view key) const {
 }
 
 std::shared_ptr<const Metadata> MetadataMemo::Of(const HeaderList& headers) {
-  if (last_ != nullptr && last_->IsOf(headers)) return last_;
+  if (last_ != nullptr && (revision_ == headers.revision() || last_->IsOf(headers))) {
+    revision_ = headers.revision();
+    return last_;
+  }
   auto metadata = std::make_shared<const Metadata>(Metadata::FromHeaders(headers));
-  if (metadata->size_bytes() <= kMaxKeptBytes) last_ = metadata;
-  return metadata;
+  if (metadata->size_bytes() > kMaxKeptBytes) return metadata;
+  revision_ = headers.revision();
+  return last_ = std::move(metadata);
 }
 
 }  // namespace varnic::net

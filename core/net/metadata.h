@@ -2,6 +2,7 @@
 #define CORE_NET_METADATA_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -62,6 +63,7 @@ class MetadataMemo {
 
  private:
   std::shared_ptr<const Metadata> last_;  // Null until there is any that is not large.
+  std::uint64_t revision_ = 0;            // Of headers that say just that.
 };
 
 }  // namespace varnic::net

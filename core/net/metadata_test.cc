@@ -128,5 +128,17 @@ TEST(MetadataMemoTest, WhatIsLargeIsNotKept) {
   EXPECT_TRUE(metadata.expired());
 }
 
+TEST(MetadataMemoTest, AListThatHasChangedIsReadAgain) {
+  MetadataMemo memo;
+  HeaderList headers = Request("agent", "7");
+  const auto first = memo.Of(headers);
+  EXPECT_EQ(memo.Of(headers), first);
+
+  headers.Truncate(headers.size() - 1);
+  headers.Add("x-trace", "8");
+
+  EXPECT_EQ(memo.Of(headers)->Find("x-trace"), "8");
+}
+
 }  // namespace
 }  // namespace varnic::net

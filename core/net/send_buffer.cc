@@ -15,6 +15,10 @@ void SendBuffer::Append(std::string piece) {
   if (!Join(piece)) Push({std::move(piece), nullptr});
 }
 
+void SendBuffer::AppendCopy(std::string_view piece) {
+  if (!Join(piece)) Push({std::string(piece), nullptr});
+}
+
 void SendBuffer::AppendShared(std::shared_ptr<const std::string> piece) {
   if (piece->size() > kSmall) return Push({std::string(), std::move(piece)});
   if (!Join(*piece)) Push({*piece, nullptr});

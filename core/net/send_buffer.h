@@ -18,6 +18,7 @@ class SendBuffer {
   static constexpr std::size_t kSmall = 512;
 
   void Append(std::string piece);
+  void AppendCopy(std::string_view piece);
   void AppendShared(std::shared_ptr<const std::string> piece);
 
   // Moves up to `size` bytes from the front to `buffer`; returns how many.

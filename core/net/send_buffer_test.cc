@@ -100,5 +100,15 @@ TEST(SendBufferTest, EmptyOneGivesNothing) {
   EXPECT_EQ(buffer.Take(part, sizeof(part)), 0U);
 }
 
+TEST(SendBufferTest, CopiedPiecesStandInTheirOrder) {
+  SendBuffer buffer;
+  buffer.AppendCopy("one ");
+  buffer.Append("two ");
+  buffer.AppendCopy(std::string(1'000, '3'));
+  buffer.AppendCopy(" four");
+
+  EXPECT_EQ(TakeAll(buffer, 7), "one two " + std::string(1'000, '3') + " four");
+}
+
 }  // namespace
 }  // namespace varnic::net

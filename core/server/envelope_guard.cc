@@ -30,11 +30,15 @@ EnvelopeGuard::EnvelopeGuard(const google::protobuf::MethodDescriptor& method,
       error_(Field(*prototype.GetDescriptor(), "error", FieldDescriptor::CPPTYPE_STRING)),
       profile_id_(
           Field(*prototype.GetDescriptor(), "profile_id", FieldDescriptor::CPPTYPE_MESSAGE)),
-      kind_oneof_(prototype.GetDescriptor()->FindOneofByName("kind")) {
+      kind_oneof_(prototype.GetDescriptor()->FindOneofByName("kind")),
+      scanner_(*prototype.GetDescriptor()) {
   VARNIC_CHECK(kind_ == StreamKind::kEvents || kind_ == StreamKind::kCallbacks);
 }
 
 absl::Status EnvelopeGuard::Inspect(std::string_view payload, bool is_error, Content& content) {
+  if (kind_ == StreamKind::kCallbacks && !is_error && IsPlainAnswer(payload, content)) {
+    return absl::OkStatus();
+  }
   if (!message_->ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
     return absl::InvalidArgumentError(
         absl::StrCat("A message on the stream is not a serialised ", type_));
@@ -42,6 +46,22 @@ absl::Status EnvelopeGuard::Inspect(std::string_view payload, bool is_error, Con
   if (kind_ == StreamKind::kCallbacks) return InspectCallbacks(is_error, content);
   InspectEvents(content);
   return absl::OkStatus();
+}
+
+// What most messages are. False: it may be one nevertheless.
+bool EnvelopeGuard::IsPlainAnswer(std::string_view payload, Content& content) const {
+  std::int64_t call_id = 0;
+  bool answers = false;
+  const bool is_plain = scanner_.Scan(payload, [&](int number, std::uint64_t value) {
+    if (number == kResponseNumber) return answers = true;
+    if (call_id_ != nullptr && number == call_id_->number()) {
+      call_id = static_cast<std::int64_t>(value);
+      return true;
+    }
+    return profile_id_ != nullptr && number == profile_id_->number();
+  });
+  if (is_plain && answers) content.call_id = call_id;
+  return is_plain && answers;
 }
 
 void EnvelopeGuard::InspectEvents(Content& content) const {

@@ -11,13 +11,15 @@
 
 #include "absl/status/status.h"
 #include "core/common/rpc/stream_kind.h"
+#include "core/server/plain_scanner.h"
 
 namespace varnic {
 
 // Looks at every message that a client sends on a stream before the stream does, and keeps away
 // what the stream would die of or what nobody could have meant: bytes that do not parse, and, on a
-// callback stream, a message that is neither control nor an answer. Parses each message once more
-// than the stream will; that is the price of a host that no peer can stop.
+// callback stream, a message that is neither control nor an answer. Parses what it gets once more
+// than the stream will, but for plain answers, which it only looks through; that is the price of a
+// host that no peer can stop.
 //
 // One for each method of a service, for all its streams. RPC thread only.
 class EnvelopeGuard {
@@ -46,6 +48,7 @@ class EnvelopeGuard {
   absl::Status Inspect(std::string_view payload, bool is_error, Content& content);
 
  private:
+  bool IsPlainAnswer(std::string_view payload, Content& content) const;
   void InspectEvents(Content& content) const;
   absl::Status InspectCallbacks(bool is_error, Content& content) const;
 
@@ -57,6 +60,7 @@ class EnvelopeGuard {
   const google::protobuf::FieldDescriptor* const error_;
   const google::protobuf::FieldDescriptor* const profile_id_;
   const google::protobuf::OneofDescriptor* const kind_oneof_;
+  const PlainScanner scanner_;
 };
 
 }  // namespace varnic

@@ -41,6 +41,60 @@ TEST_F(CallbackGuardTest, AnswerPassesWithItsCallId) {
   EXPECT_FALSE(content_.is_subscription);
 }
 
+TEST_F(CallbackGuardTest, PlainAnswerPassesLikeAnyOther) {
+  rpc::CanAccessFile answer;
+  answer.mutable_profile_id()->set_value("work");
+  answer.mutable_response();
+  answer.set_call_id(300);
+  const std::string plain = answer.SerializeAsString();
+
+  for (const std::string& payload : {plain, plain + "\x78\x01"}) {  // An unknown field.
+    EXPECT_TRUE(InspectBytes(payload).ok());
+    EXPECT_EQ(content_.call_id, 300);
+    EXPECT_FALSE(content_.has_error);
+    EXPECT_FALSE(content_.is_subscription);
+  }
+}
+
+// Protobuf stops at it, before it has seen the answer; the stream would die of what is left.
+TEST_F(CallbackGuardTest, AnswerBehindALengthThatProtobufDoesNotReadIsRefused) {
+  const std::string no_bytes("\x80\x80\x80\x80\x80\0", 6);
+  const std::string answer("\x22\0", 2);
+
+  EXPECT_EQ(InspectBytes("\x0a" + no_bytes + answer).code(), absl::StatusCode::kInvalidArgument);
+  EXPECT_EQ(InspectBytes("\x0a\x07\x0a" + no_bytes + answer).code(),
+            absl::StatusCode::kInvalidArgument);
+}
+
+TEST_F(CallbackGuardTest, AnAnswerThatIsOverwrittenByControlIsControl) {
+  rpc::CanAccessFile answer;
+  answer.mutable_response();
+  rpc::CanAccessFile control;
+  control.set_subscribe(true);
+
+  EXPECT_TRUE(InspectBytes(answer.SerializeAsString() + control.SerializeAsString()).ok());
+  EXPECT_TRUE(content_.is_subscription);
+  EXPECT_TRUE(InspectBytes(control.SerializeAsString() + answer.SerializeAsString()).ok());
+  EXPECT_FALSE(content_.is_subscription);
+}
+
+TEST_F(CallbackGuardTest, TheLastCallIdOfAnAnswerCounts) {
+  const std::string answer("\x22\0\x28\x07", 4);
+  for (const std::string& last : {std::string("\x28\x08"), std::string("\x28\x88\x80\0", 4)}) {
+    EXPECT_TRUE(InspectBytes(answer + last).ok());
+    EXPECT_EQ(content_.call_id, 8);
+  }
+}
+
+TEST_F(CallbackGuardTest, AnswerWithAnErrorIsAnError) {
+  rpc::CanAccessFile answer;
+  answer.mutable_response();
+  answer.set_error("no such page");
+
+  EXPECT_TRUE(Inspect(answer).ok());
+  EXPECT_TRUE(content_.has_error);
+}
+
 TEST_F(CallbackGuardTest, ControlPassesWithItsKey) {
   rpc::CanAccessFile control;
   control.mutable_profile_id()->set_value("P");

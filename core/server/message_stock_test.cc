@@ -131,5 +131,32 @@ TEST(MessageStockTest, NoMessageIsUsedForEver) {
   EXPECT_LE(uses, 100);
 }
 
+TEST(MessageStockTest, AParsedMessageThatStaysSmallIsKept) {
+  MessageStock stock;
+  if (!net::BlockPool::Keeps()) GTEST_SKIP() << "nothing is used again";
+  auto message = stock.Take(ProfileId::default_instance());
+  ASSERT_TRUE(message->ParseFromString("\n\3abc"));
+  const Message* const first = message.get();
+
+  stock.Give(std::move(message), 5, MessageStock::Filler::kParser);
+
+  message = stock.Take(ProfileId::default_instance());
+  EXPECT_EQ(message.get(), first);
+  EXPECT_EQ(message->ByteSizeLong(), 0u);
+}
+
+TEST(MessageStockTest, AParsedMessageWithUnknownFieldsIsNotKept) {
+  MessageStock stock;
+  std::string fields;
+  for (int i = 0; i < 100'000; ++i) fields += "\x10\1";
+  const std::size_t before = AllocatedBytes();
+  auto message = stock.Take(ProfileId::default_instance());
+  ASSERT_TRUE(message->ParseFromString(fields));
+
+  stock.Give(std::move(message), 0, MessageStock::Filler::kParser);
+
+  EXPECT_LT(AllocatedBytes(), before + 100'000);
+}
+
 }  // namespace
 }  // namespace varnic

@@ -105,7 +105,7 @@ void RpcServer::StopListening() {
 }
 
 void RpcServer::Run() {
-  loop_.Run();
+  loop_.Run(options_.busy_poll);
   CloseConnections();
 }
 
@@ -120,9 +120,14 @@ void RpcServer::Stop() {
   loop_.Stop();
 }
 
-void RpcServer::Drain(absl::Duration patience) {
+void RpcServer::Drain(absl::Duration patience, std::function<void()> on_drained) {
   VARNIC_CHECK(loop_.IsLoopThread());
-  if (std::exchange(draining_, true)) return EndDrain("told to stop again");
+  if (std::exchange(draining_, true)) {
+    on_drained_ = nullptr;
+    if (drained_) return Stop();
+    return EndDrain("told to stop again");
+  }
+  on_drained_ = std::move(on_drained);
   if (logging::ShouldCreateLogMessage(logging::LOGGING_INFO)) {
     logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_INFO).stream()
         << "Draining connections=" << connections_.size() << " streams=" << streams_.open_streams()
@@ -138,11 +143,14 @@ void RpcServer::Drain(absl::Duration patience) {
 }
 
 void RpcServer::EndDrain(const char* reason) {
+  if (std::exchange(drained_, true)) return;
+  drain_timer_.Cancel();
   if (logging::ShouldCreateLogMessage(logging::LOGGING_INFO)) {
     logging::LogMessage(__FILE__, __LINE__, logging::LOGGING_INFO).stream()
         << "Drained connections_left=" << connections_.size() << net::LogField("reason", reason);
   }
-  Stop();
+  if (on_drained_ == nullptr) return Stop();
+  std::exchange(on_drained_, nullptr)();
 }
 
 void RpcServer::Post(std::function<void()> task) {

@@ -55,6 +55,10 @@ struct ServerOptions {
   net::FloodLimits floods;
   // What one open stream of a client may make the host keep.
   StreamLimits streams;
+  // How long the RPC thread looks for work before it sleeps. Some tens of microseconds answer a
+  // client that calls again and again sooner, and take a core's time between its calls.
+  // Zero: it sleeps at once.
+  absl::Duration busy_poll = absl::ZeroDuration();
   // Answers health checks (grpc.health.v1.Health); see RpcServer::health().
   bool serve_health = true;
   // Tells clients what the services look like (grpc.reflection.v1 and v1alpha), for tools that have
@@ -124,7 +128,10 @@ class RpcServer : private net::GrpcServerConnection::Visitor {
   // Stops when what is going on has ended: takes no new connections and calls, ends every stream
   // with UNAVAILABLE, lets calls finish, and stops when the last connection is done, or after
   // `patience`. A second Drain() stops at once. RPC thread only.
-  void Drain(absl::Duration patience);
+  //
+  // With `on_drained`, which runs once at the most, it does not stop then: whoever has more to end
+  // on the loop calls Stop() after that.
+  void Drain(absl::Duration patience, std::function<void()> on_drained = nullptr);
 
   // Runs `task` on the RPC thread, later: at the latest when the server is destroyed. Any thread,
   // at any time in the server's life.
@@ -185,6 +192,8 @@ class RpcServer : private net::GrpcServerConnection::Visitor {
   std::uint64_t formerly_refused_ = 0;  // By listeners that are gone, and here.
   std::unique_ptr<PolicyFile> policy_;  // Null while everybody who may connect may call.
   bool draining_ = false;
+  bool drained_ = false;
+  std::function<void()> on_drained_;
   net::Timer drain_timer_;
 };
 

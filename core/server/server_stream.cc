@@ -37,27 +37,19 @@ class ServerStream::ChannelEnd : public StreamChannel::Transport {
   ServerStream* stream_;
 };
 
-// The envelope of one message, with the memory that an earlier one has left. Outlives the stream if
-// the message ends it.
+// The envelope of one message. Outlives the stream if the message ends it.
 class ServerStream::Envelope {
  public:
-  // Of `bytes` on the wire.
-  Envelope(MessageStock& stock, std::size_t bytes)
-      : stock_(stock),
-        bytes_(bytes),
-        message_(stock.Take(::rpc::transport::StreamMessage::default_instance())) {}
+  explicit Envelope(EnvelopeStock& stock) : stock_(stock), message_(stock.Take()) {}
   Envelope(const Envelope&) = delete;
   Envelope& operator=(const Envelope&) = delete;
-  ~Envelope() { stock_.Give(std::move(message_), bytes_); }
+  ~Envelope() { stock_.Give(std::move(message_)); }
 
-  ::rpc::transport::StreamMessage& message() {
-    return static_cast<::rpc::transport::StreamMessage&>(*message_);
-  }
+  ::rpc::transport::StreamMessage& message() { return *message_; }
 
  private:
-  MessageStock& stock_;
-  const std::size_t bytes_;
-  std::unique_ptr<google::protobuf::Message> message_;
+  EnvelopeStock& stock_;
+  std::unique_ptr<::rpc::transport::StreamMessage> message_;
 };
 
 // An operation of the stream object, while it is on the stack. What ends the stream meanwhile takes
@@ -74,13 +66,13 @@ class ServerStream::Operation {
 };
 
 ServerStream::ServerStream(net::EventLoop& loop, const ServiceTable::Method& method,
-                           EnvelopeGuard* guard, StreamFraming framing, const StreamLimits& limits,
-                           net::GrpcServerCall& call, Owner& owner)
+                           EnvelopeGuard* guard, EnvelopeStock& envelopes, StreamFraming framing,
+                           const StreamLimits& limits, net::GrpcServerCall& call, Owner& owner)
     : loop_(loop),
       guard_(guard),
       framing_(framing),
       call_id_field_(guard == nullptr ? 0 : CallIdField(*method.descriptor->output_type())),
-      envelopes_(method.requests),
+      envelopes_(envelopes),
       owner_(owner),
       call_(&call),
       bounds_(limits.subscriptions),
@@ -105,7 +97,7 @@ ServerStream::~ServerStream() {
 
 void ServerStream::OnMessage(std::string_view message) {
   if (ending_) return;
-  Envelope envelope(envelopes_, message.size());
+  Envelope envelope(envelopes_);
   bool is_error = false;
   const absl::Status status = Decode(message, envelope.message(), is_error);
   if (!status.ok()) return End(status);
@@ -167,6 +159,11 @@ void ServerStream::OnRoom() {
 
 bool ServerStream::Send(const ::rpc::transport::StreamMessage& envelope) {
   if (call_ == nullptr || ending_) return false;
+  SmallBuffer buffer;
+  if (MaySendAtOnce() &&
+      SendSmall(FrameEnvelopeIn(absl::MakeSpan(buffer), framing_, envelope, call_id_field_))) {
+    return true;
+  }
   OutboundMessage message{FrameEnvelope(framing_, envelope, call_id_field_), nullptr};
   if (SendAtOnce(message)) return true;
   return Accept(outbound_.Push(std::move(message)));
@@ -174,6 +171,11 @@ bool ServerStream::Send(const ::rpc::transport::StreamMessage& envelope) {
 
 bool ServerStream::SendEvent(const SharedEvent& event) {
   if (call_ == nullptr || ending_) return false;
+  SmallBuffer buffer;
+  if (MaySendAtOnce() &&
+      SendSmall(FrameEventIn(absl::MakeSpan(buffer), framing_, event.payload()))) {
+    return true;
+  }
   OutboundMessage message{FrameEventPrefix(framing_, event.payload().size()),
                           event.shared_payload()};
   if (SendAtOnce(message)) return true;
@@ -181,8 +183,18 @@ bool ServerStream::SendEvent(const SharedEvent& event) {
 }
 
 // What finds nothing waiting need not wait itself: the queue is for slow readers alone.
+bool ServerStream::MaySendAtOnce() const {
+  return outbound_.empty() && call_->HasRoom();
+}
+
+bool ServerStream::SendSmall(std::string_view framed) {
+  if (framed.empty()) return false;
+  call_->SendCopy(framed);
+  return true;
+}
+
 bool ServerStream::SendAtOnce(OutboundMessage& message) {
-  if (!outbound_.empty() || !call_->HasRoom()) return false;
+  if (!MaySendAtOnce()) return false;
   call_->Send(std::move(message.head), std::move(message.shared));
   return true;
 }

@@ -1,6 +1,7 @@
 #ifndef CORE_SERVER_SERVER_STREAM_H_
 #define CORE_SERVER_SERVER_STREAM_H_
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -15,6 +16,7 @@
 #include "core/net/grpc_server_connection.h"
 #include "core/net/lifetime.h"
 #include "core/server/envelope_guard.h"
+#include "core/server/envelope_stock.h"
 #include "core/server/outbound_queue.h"
 #include "core/server/service_table.h"
 #include "core/server/stream_framing.h"
@@ -49,10 +51,10 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
 
   // Takes over `call`, opens the stream of `method`, and answers the client with the headers that
   // say so; or with UNIMPLEMENTED, if the service opens none. The loop, the guard, which is null
-  // for a plain stream, and the owner outlive this.
+  // for a plain stream, the envelopes and the owner outlive this.
   ServerStream(net::EventLoop& loop, const ServiceTable::Method& method, EnvelopeGuard* guard,
-               StreamFraming framing, const StreamLimits& limits, net::GrpcServerCall& call,
-               Owner& owner);
+               EnvelopeStock& envelopes, StreamFraming framing, const StreamLimits& limits,
+               net::GrpcServerCall& call, Owner& owner);
   // Only after OnStreamEnded(), or if the stream was never open.
   ~ServerStream() override;
 
@@ -89,6 +91,12 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   // Ends the call with `final_status_`, behind what waits if that is OK.
   void FinishCall();
 
+  // What a message takes that is not worth memory of its own. Uninitialised.
+  using SmallBuffer = std::array<char, 256>;
+
+  bool MaySendAtOnce() const;
+  // Only if it may. False if there is nothing.
+  bool SendSmall(std::string_view framed);
   // False, with `message` as it was, if it has to wait.
   bool SendAtOnce(OutboundMessage& message);
   bool Accept(OutboundQueue::Outcome outcome);
@@ -104,7 +112,7 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
   EnvelopeGuard* const guard_;
   const StreamFraming framing_;
   const int call_id_field_;
-  MessageStock& envelopes_;
+  EnvelopeStock& envelopes_;
   Owner& owner_;
   net::GrpcServerCall* call_;  // Null once nobody listens, or the call was finished.
   ChannelEnd* channel_end_;    // Null once the channel is gone, which may outlive this.

@@ -38,6 +38,7 @@ ServiceTable::Method& ServiceTable::AddMethod(const google::protobuf::MethodDesc
   const std::string path = absl::StrCat("/", method.service()->full_name(), "/", method.name());
   std::unique_ptr<Method>& added = methods_[path];
   added = std::make_unique<Method>();
+  added->path = path;
   added->descriptor = &method;
   added->kind = KindOfStream(method);
   if (counters != nullptr) added->counters = &counters->Of(path);
@@ -45,10 +46,10 @@ ServiceTable::Method& ServiceTable::AddMethod(const google::protobuf::MethodDesc
 }
 
 absl::StatusOr<const ServiceTable::Method*> ServiceTable::Find(std::string_view path) const {
-  const absl::string_view key(path.data(), path.size());
-  const auto method = methods_.find(key);
-  if (method != methods_.end()) return method->second.get();
+  const Method* known = FindKnown(path);
+  if (known != nullptr) return known;
 
+  const absl::string_view key(path.data(), path.size());
   const std::size_t slash = key.rfind('/');
   if (slash == absl::string_view::npos || slash == 0 || key[0] != '/') {
     return absl::UnimplementedError(absl::StrCat("Malformed method name \"", key, "\""));
@@ -59,6 +60,12 @@ absl::StatusOr<const ServiceTable::Method*> ServiceTable::Find(std::string_view 
   }
   return absl::UnimplementedError(
       absl::StrCat("Unknown method ", key.substr(slash + 1), " of service ", service));
+}
+
+const ServiceTable::Method* ServiceTable::FindKnown(std::string_view path) const {
+  if (found_ != nullptr && found_->path == path) return found_;
+  const auto method = methods_.find(absl::string_view(path.data(), path.size()));
+  return method == methods_.end() ? nullptr : found_ = method->second.get();
 }
 
 }  // namespace varnic

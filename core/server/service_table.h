@@ -36,13 +36,14 @@ class ServiceTable {
       return descriptor->client_streaming() || descriptor->server_streaming();
     }
 
+    std::string path;
     Service* service = nullptr;
     const google::protobuf::MethodDescriptor* descriptor = nullptr;
     bool plain_streams = false;          // As ServiceOptions has it.
     CallHandler* handler = nullptr;      // If not null, in place of the service.
     MethodCounters* counters = nullptr;  // Null if nobody counts.
     StreamKind kind = StreamKind::kNone;
-    // Of unary calls that have ended, for those to come. A stream's requests are its envelopes.
+    // Of unary calls that have ended, for those to come.
     mutable MessageStock requests;
     mutable MessageStock responses;
   };
@@ -62,8 +63,11 @@ class ServiceTable {
   Method& AddMethod(const google::protobuf::MethodDescriptor& method, CallCounters* counters);
   void AddName(const google::protobuf::ServiceDescriptor& service, CallCounters* counters);
 
+  const Method* FindKnown(std::string_view path) const;
+
   absl::flat_hash_set<std::string> services_;
   absl::flat_hash_map<std::string, std::unique_ptr<Method>> methods_;  // By path.
+  mutable const Method* found_ = nullptr;  // Mostly the one that is looked for next.
 };
 
 }  // namespace varnic

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "absl/status/status.h"
+#include "absl/types/span.h"
 #include "rpc/transport/stream_message.pb.h"
 
 namespace varnic {
@@ -30,6 +30,16 @@ inline constexpr std::string_view kEnvelopeFraming = "envelope";
 // its payload's type, or 0 (stream_kind.h).
 std::string FrameEnvelope(StreamFraming framing, const ::rpc::transport::StreamMessage& envelope,
                           int call_id_field);
+
+// The same in `buffer`. Empty if that is too small.
+std::string_view FrameEnvelopeIn(absl::Span<char> buffer, StreamFraming framing,
+                                 const ::rpc::transport::StreamMessage& envelope,
+                                 int call_id_field);
+
+// The whole of an event, with its prefix, in `buffer`. Empty if that is too small, and for
+// envelopes.
+std::string_view FrameEventIn(absl::Span<char> buffer, StreamFraming framing,
+                              std::string_view payload);
 
 // What goes out before the payload of an event, so that the payload itself can be shared by all of
 // its subscribers.

@@ -84,5 +84,28 @@ TEST(StreamFramingTest, PrefixAndPayloadOfAnEventMakeOneMessage) {
   }
 }
 
+TEST(StreamFramingTest, ASmallMessageIsFramedInPlaceAsElsewhere) {
+  const int field = CallIdField(*rpc::CanAccessFile::descriptor());
+  for (const StreamFraming framing : {StreamFraming::kTyped, StreamFraming::kEnvelope}) {
+    const std::string framed = FrameEnvelope(framing, Question(), field);
+    std::string exact(framed.size(), 'x');
+    std::string too_small(framed.size() - 1, 'x');
+
+    EXPECT_EQ(FrameEnvelopeIn(absl::MakeSpan(exact), framing, Question(), field), framed);
+    EXPECT_TRUE(FrameEnvelopeIn(absl::MakeSpan(too_small), framing, Question(), field).empty());
+  }
+}
+
+TEST(StreamFramingTest, ASmallTypedEventIsFramedInPlace) {
+  const std::string payload = "an event";
+  std::string buffer(100, 'x');
+  std::string too_small(payload.size(), 'x');
+
+  EXPECT_EQ(FrameEventIn(absl::MakeSpan(buffer), StreamFraming::kTyped, payload),
+            FrameEventPrefix(StreamFraming::kTyped, payload.size()) + payload);
+  EXPECT_TRUE(FrameEventIn(absl::MakeSpan(too_small), StreamFraming::kTyped, payload).empty());
+  EXPECT_TRUE(FrameEventIn(absl::MakeSpan(buffer), StreamFraming::kEnvelope, payload).empty());
+}
+
 }  // namespace
 }  // namespace varnic

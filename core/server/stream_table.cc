@@ -25,8 +25,8 @@ void StreamTable::Open(const ServiceTable::Method& method, net::GrpcServerCall& 
                                     ? StreamFraming::kEnvelope
                                     : StreamFraming::kTyped;
   ServerStream::Owner& owner = *this;
-  auto stream =
-      std::make_unique<ServerStream>(loop_, method, GuardOf(method), framing, limits_, call, owner);
+  auto stream = std::make_unique<ServerStream>(loop_, method, GuardOf(method), envelopes_, framing,
+                                               limits_, call, owner);
   if (!stream->is_open()) return;
   const ServerStream* key = stream.get();
   streams_.emplace(key, std::move(stream));

@@ -11,6 +11,7 @@
 #include "core/net/event_loop.h"
 #include "core/net/grpc_server_connection.h"
 #include "core/server/envelope_guard.h"
+#include "core/server/envelope_stock.h"
 #include "core/server/server_stream.h"
 #include "core/server/service_table.h"
 
@@ -59,6 +60,7 @@ class StreamTable : private ServerStream::Owner {
 
   net::EventLoop& loop_;
   const StreamLimits limits_;
+  EnvelopeStock envelopes_;
   std::uint64_t conflated_events_ = 0;
   std::uint64_t slow_readers_ = 0;
   absl::flat_hash_map<const google::protobuf::MethodDescriptor*, std::unique_ptr<EnvelopeGuard>>

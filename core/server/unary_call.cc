@@ -1,5 +1,6 @@
 #include "core/server/unary_call.h"
 
+#include <array>
 #include <string>
 #include <utility>
 
@@ -7,6 +8,7 @@
 #include "absl/strings/str_cat.h"
 #include "core/common/rpc/fatal.h"
 #include "core/net/frame_message.h"
+#include "core/net/send_buffer.h"
 
 namespace varnic {
 
@@ -71,16 +73,22 @@ void UnaryCall::Run() {
 void UnaryCall::Answer() {
   const absl::Status status = FinalStatus();
   if (!controller_.initial_metadata().empty()) call_->SendHeaders(controller_.initial_metadata());
-  if (status.ok()) {
-    std::string framed = net::FrameMessage(*response_);
-    response_bytes_ = framed.size();
-    call_->Send(std::move(framed));
-  }
+  if (status.ok()) SendResponse();
   call_->Finish(status, controller_.trailing_metadata());
 }
 
+void UnaryCall::SendResponse() {
+  std::array<char, net::SendBuffer::kSmall> buffer;
+  const std::string_view small = net::FrameMessageIn(absl::MakeSpan(buffer), *response_);
+  response_bytes_ = small.size();
+  if (small.data() != nullptr) return call_->SendCopy(small);
+  std::string framed = net::FrameMessage(*response_);
+  response_bytes_ = framed.size();
+  call_->Send(std::move(framed));
+}
+
 void UnaryCall::GiveBack() {
-  method_.requests.Give(std::move(request_), request_bytes_);
+  method_.requests.Give(std::move(request_), request_bytes_, MessageStock::Filler::kParser);
   method_.responses.Give(std::move(response_), response_bytes_);
 }
 

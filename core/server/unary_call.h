@@ -46,6 +46,7 @@ class UnaryCall final : private net::GrpcServerCall::Visitor,
 
   // Ends the call, which the service has answered.
   void Answer();
+  void SendResponse();
   // Leaves the messages to the next call.
   void GiveBack();
 

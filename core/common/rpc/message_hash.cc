@@ -3,7 +3,6 @@
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 
-#include <algorithm>
 #include <string>
 
 #include "absl/hash/hash.h"
@@ -25,23 +24,11 @@ class Content {
     output.SetSerializationDeterministic(true);
     message.SerializeWithCachedSizes(&output);
   }
-  // Of a profile's id, which is the key of most registries.
-  explicit Content(const std::string& id) : size_(id.size() + kIdHead) {
-    small_[0] = kIdTag;
-    small_[1] = static_cast<char>(id.size());
-    std::copy(id.begin(), id.end(), small_ + kIdHead);
-  }
-  static constexpr std::size_t kMaxIdSize = 127;
-
   absl::string_view bytes() const {
     return {size_ > sizeof(small_) ? large_.data() : small_, size_};
   }
 
  private:
-  // Before the text: the field's tag, and the length, which is one byte up to 127.
-  static constexpr std::size_t kIdHead = 2;
-  static constexpr char kIdTag = ProfileId::kValueFieldNumber << 3 | /*length-delimited*/ 2;
-
   char* buffer() { return size_ > sizeof(small_) ? &large_[0] : small_; }
 
   std::size_t size_;
@@ -53,28 +40,63 @@ class Content {
 // descriptor costs several times the rest of a look-up: protobuf takes a lock-free, but long way
 // through std::call_once for each.
 #if GOOGLE_PROTOBUF_VERSION < 3022000
-class ClassOf : public Message {
+class Internals : public Message {
  public:
   // Null for a dynamic message.
-  static const void* Get(const Message& message) { return (message.*&ClassOf::GetClassData)(); }
+  static const void* ClassOf(const Message& message) {
+    return (message.*&Internals::GetClassData)();
+  }
+  // True if it has any, and maybe if it had.
+  static bool MayHaveUnknownFields(const Message& message) {
+    return (message.*&Internals::_internal_metadata_).have_unknown_fields();
+  }
 };
-#else  // Has other internals.
-class ClassOf {
+#else  // Has others.
+class Internals {
  public:
-  static const void* Get(const Message& message) { return message.GetReflection(); }
+  static const void* ClassOf(const Message& message) { return message.GetReflection(); }
+  static bool MayHaveUnknownFields(const Message& message) {
+    return !message.GetReflection()->GetUnknownFields(message).empty();
+  }
 };
 #endif
 
-// The text of a profile's id that has nothing else; null for any other message.
+// The text of a profile's id, the key of most registries, if it has nothing else for certain; null
+// for any other message.
 const std::string* PlainId(const Message& message) {
-  static const void* const profile_id = ClassOf::Get(ProfileId::default_instance());
-  static const google::protobuf::Reflection* const reflection = ProfileId::GetReflection();
-  if (ClassOf::Get(message) != profile_id) return nullptr;
-  const auto& id = static_cast<const ProfileId&>(message);
-  return reflection->GetUnknownFields(id).empty() ? &id.value() : nullptr;
+  static const void* const profile_id = Internals::ClassOf(ProfileId::default_instance());
+  if (Internals::ClassOf(message) != profile_id) return nullptr;
+  if (Internals::MayHaveUnknownFields(message)) return nullptr;
+  return &static_cast<const ProfileId&>(message).value();
 }
 
-std::size_t HashOf(const google::protobuf::Descriptor* type, const Content& content) {
+// Texts up to this size have a length of one byte.
+constexpr std::size_t kMaxShortId = 127;
+
+// Of a plain id that is neither empty nor longer than that.
+std::size_t HashOfShortId(absl::string_view id) {
+  return absl::HashOf(id);
+}
+
+// The same id in another message: a dynamic one, or one that has had unknown fields. Empty for any
+// other content.
+absl::string_view ShortIdIn(absl::string_view content) {
+  constexpr std::size_t kHead = 2;  // The field's tag, and the length.
+  constexpr char kTag = ProfileId::kValueFieldNumber << 3 | /*length-delimited*/ 2;
+  if (content.size() <= kHead || content.size() > kHead + kMaxShortId) return {};
+  if (content[0] != kTag || static_cast<std::size_t>(content[1]) != content.size() - kHead) {
+    return {};
+  }
+  return content.substr(kHead);
+}
+
+std::size_t HashOfContent(const Message& message) {
+  const Content content(message);
+  const google::protobuf::Descriptor* const type = message.GetDescriptor();
+  if (type == ProfileId::descriptor()) {
+    const absl::string_view id = ShortIdIn(content.bytes());
+    if (!id.empty()) return HashOfShortId(id);
+  }
   return absl::HashOf(type, content.bytes());
 }
 
@@ -82,11 +104,8 @@ std::size_t HashOf(const google::protobuf::Descriptor* type, const Content& cont
 
 std::size_t MessageHash::operator()(const Message* message) const {
   const std::string* id = PlainId(*message);
-  if (id == nullptr || id->empty() || id->size() > Content::kMaxIdSize) {
-    return HashOf(message->GetDescriptor(), Content(*message));
-  }
-  static const google::protobuf::Descriptor* const type = ProfileId::descriptor();
-  return HashOf(type, Content(*id));
+  if (id == nullptr || id->empty() || id->size() > kMaxShortId) return HashOfContent(*message);
+  return HashOfShortId(*id);
 }
 
 bool MessageEqual::operator()(const Message* a, const Message* b) const {

@@ -4,19 +4,12 @@
 
 #include <cstddef>
 
+#include "core/common/rpc/ascii.h"
+
 namespace varnic {
-namespace {
-
-// Then there is no other text in it either. Most payloads are small and plain.
-bool IsAscii(const std::string& payload) {
-  unsigned char bits = 0;
-  for (const char c : payload) bits = static_cast<unsigned char>(bits | c);
-  return bits < 0x80;
-}
-
-}  // namespace
 
 bool IsReadable(const google::protobuf::Message& message, const std::string& payload) {
+  // Then there is no other text in it either. Most payloads are small and plain.
   if (IsAscii(payload)) return true;
   alignas(std::max_align_t) char memory[1024];
   google::protobuf::ArenaOptions options;

@@ -873,6 +873,24 @@ TEST_F(CallbackCallerWithStreamTest, AnIdThatIsPendingUnderTheKeyIsPassedOver) {
   EXPECT_EQ(cancelled, 3);
 }
 
+TEST_F(CallbackCallerWithStreamTest, AnIdThatIsPendingIsPassedOverInsideACallback) {
+  CallId second = 0;
+  int cancelled = 0;
+  const CallId first = Ask("first", [&] { second = Ask("second"); });
+  const CallId last = NextCallId();
+  stream_->pending_calls_.begin()->second[last + 1] = {[](const rpc::CanAccessFile&) {},
+                                                       [&](int /*code*/) { ++cancelled; }};
+
+  stream_.Receive(Answer("work"), first);
+  scheduler_.RunPosted();
+  stream_.Receive(Answer("work"), second);
+
+  EXPECT_EQ(second, last + 2);
+  EXPECT_THAT(ends_, ElementsAre("first allowed", "second allowed"));
+  stream_.Receive(Control("work", false));
+  EXPECT_EQ(cancelled, 1);
+}
+
 TEST_F(CallbackCallerWithStreamTest, AnIdThatIsTakenWhileTheCallIsPutOffIsReported) {
   CallId second = 0;
   const CallId first = Ask("first", [&] { second = Ask("second"); });

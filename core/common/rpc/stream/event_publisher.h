@@ -4,6 +4,7 @@
 #include <google/protobuf/message.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <set>
@@ -70,7 +71,7 @@ class EventPublisher final : private AbstractStream::EndObserver {
   // Takes what `is_stale` holds for out of every set, and the entries that this empties.
   template <class Predicate>
   static void Prune(const Predicate& is_stale);
-  // Whether `stream`, which may be gone, is there and subscribed under `key`.
+  // Whether `stream`, which may be gone, is subscribed under `key`.
   static bool IsSubscribed(const google::protobuf::Message& key, Stream* stream);
   static SharedEvent Serialize(const T& event, const google::protobuf::Message& key);
   static void WarnOfUnreadable();
@@ -92,10 +93,12 @@ std::size_t EventPublisher<T>::Publish(const google::protobuf::Message& key, con
   // The set may change while this sends, and Publish() may come back in.
   std::vector<Stream*> snapshot = std::move(snapshot_);
   snapshot.assign(entry->second.begin(), entry->second.end());
+  const std::uint64_t changes = Stream::changes_;
   std::size_t taken = 0;
   ++publishing_;
   for (Stream* stream : snapshot) {
-    if (IsSubscribed(key, stream) && stream->channel().SendEvent(shared)) ++taken;
+    if (changes != Stream::changes_ && !IsSubscribed(key, stream)) continue;
+    if (AbstractStream::IsLive(stream) && stream->channel().SendEvent(shared)) ++taken;
   }
   --publishing_;
   snapshot.clear();
@@ -116,12 +119,14 @@ std::size_t EventPublisher<T>::PublishToEveryKey(const T& event) {
 
 template <class T>
 void EventPublisher<T>::OnStreamEnded(const AbstractStream* stream) {
+  if (std::exchange(Stream::left_, nullptr) == stream) return;
   Prune([stream](const Stream* candidate) { return candidate == stream; });
 }
 
 template <class T>
 template <class Predicate>
 void EventPublisher<T>::Prune(const Predicate& is_stale) {
+  ++Stream::changes_;
   auto& registry = Stream::stream_map_;
   for (auto next = registry.begin(); next != registry.end();) {
     const auto entry = next++;
@@ -136,8 +141,7 @@ void EventPublisher<T>::Prune(const Predicate& is_stale) {
 template <class T>
 bool EventPublisher<T>::IsSubscribed(const google::protobuf::Message& key, Stream* stream) {
   const auto entry = Stream::stream_map_.find(&key);
-  return entry != Stream::stream_map_.end() && entry->second.count(stream) != 0 &&
-         AbstractStream::IsLive(stream);
+  return entry != Stream::stream_map_.end() && entry->second.count(stream) != 0;
 }
 
 template <class T>

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -359,6 +360,40 @@ TEST_F(EventPublisherTest, AStreamAtTheAddressOfADestroyedOneGetsNothing) {
 
   EXPECT_THAT(recording.sent(), IsEmpty());
   stream->OnCompleted();
+}
+
+TEST_F(EventPublisherTest, AStreamAtTheAddressOfACompletedOneLeavesItsSetsWhenItIsDestroyed) {
+  NetworkPublisher publisher;
+  testing::RecordingChannel recording;
+  const auto open = [&] {
+    return std::make_unique<StreamAtOnePlace>(&service_, testing::ProfileMethod(9),
+                                              recording.Open());
+  };
+  std::unique_ptr<StreamAtOnePlace> stream(open());
+  const AbstractStream* address = stream.get();
+  stream->Subscribe(Profile("work"));
+  stream->OnCompleted();  // From every set.
+  stream.reset();
+
+  stream = open();
+  ASSERT_EQ(stream.get(), address);
+  stream->Subscribe(Profile("work"));
+  stream.reset();
+
+  EXPECT_TRUE(NetworkStream::stream_map_.empty());
+}
+
+TEST_F(EventPublisherTest, AStreamThatHasLeftEverySetIsNotLookedForAgain) {
+  NetworkPublisher publisher;
+  ServedStream<NetworkStream> stays(service_);
+  ServedStream<NetworkStream> idle(service_);
+  stays->Subscribe(Profile("work"));
+  const std::uint64_t changes = NetworkStream::changes_;
+
+  idle->OnCompleted();
+
+  EXPECT_EQ(NetworkStream::changes_, changes);
+  stays->OnCompleted();
 }
 
 TEST_F(EventPublisherTest, AStreamAtAReusedAddressGetsWhatItSubscribedItself) {

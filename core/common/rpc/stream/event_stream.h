@@ -4,6 +4,8 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <set>
 #include <utility>
 
@@ -55,6 +57,13 @@ class EventStream : public AbstractStream {
   // The streams that are subscribed, by key. Owns its keys, and no stream. No set in it is empty
   // between two operations.
   static inline MessageRegistry<std::set<EventStream<T>*>> stream_map_;
+  // How many times the sets in it may have changed: who walks through one while others may change
+  // it need not look anything up as long as this stays. For whoever else changes them to count,
+  // too.
+  static inline std::uint64_t changes_ = 0;
+  // The stream that is completing, if it is in none of them: nobody has to look for it there. To be
+  // used for one stream's end only.
+  static inline const AbstractStream* left_ = nullptr;
 
   raw_ptr<Service> service_;
   raw_ptr<const google::protobuf::MethodDescriptor> method_;
@@ -87,15 +96,24 @@ void EventStream<T>::OnCompleted() {
   // A key that this stream shares with others is passed over, and the stream stays in its set. This
   // is the selection rule that the host's side is written to.
   std::set<const google::protobuf::Message*> keys;
+  bool stays = false;
   for (const auto& [key, streams] : stream_map_) {
-    if (streams.size() == streams.count(this)) keys.insert(key);
+    const std::size_t own = streams.count(this);
+    if (streams.size() == own) {
+      keys.insert(key);
+    } else if (own != 0) {
+      stays = true;
+    }
   }
   for (const google::protobuf::Message* key : keys) Unsubscribe(*key);
-  Complete();
+  left_ = stays ? nullptr : this;
+  Complete();  // This may be gone.
+  left_ = nullptr;
 }
 
 template <class T>
 void EventStream<T>::Subscribe(const google::protobuf::Message& key) {
+  ++changes_;
   auto entry = stream_map_.find(&key);
   if (entry == stream_map_.end()) {
     entry = stream_map_.emplace(CloneKey(key), std::set<EventStream<T>*>()).first;
@@ -105,6 +123,7 @@ void EventStream<T>::Subscribe(const google::protobuf::Message& key) {
 
 template <class T>
 void EventStream<T>::Unsubscribe(const google::protobuf::Message& key) {
+  ++changes_;
   auto entry = stream_map_.try_emplace(&key).first;
   entry->second.erase(this);
   if (entry->second.empty()) EraseEntry(stream_map_, entry);

@@ -1,23 +1,25 @@
 #ifndef CORE_COMMON_RPC_STREAM_OPEN_CALLS_H_
 #define CORE_COMMON_RPC_STREAM_OPEN_CALLS_H_
 
-#include <google/protobuf/arena.h>
+#include <google/protobuf/descriptor.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "absl/container/flat_hash_map.h"
 #include "absl/status/status.h"
 #include "absl/time/time.h"
 #include "core/common/rpc/abstract_stream.h"
+#include "core/common/rpc/field_writer.h"
 #include "core/common/rpc/message_registry.h"
 #include "core/common/rpc/readable_payload.h"
 #include "core/common/rpc/scheduler.h"
@@ -64,16 +66,18 @@ class OpenCalls final : public AbstractStream::EndObserver,
   OpenCalls(Scheduler& scheduler, const CallbackCallerOptions& options)
       : scheduler_(scheduler), options_(options), ends_(scheduler) {
     PruneStreams([](const Stream* stream) { return !AbstractStream::IsLive(stream); });
+    All().push_back(this);
   }
+  ~OpenCalls() override { All().erase(std::find(All().begin(), All().end(), this)); }
 
-  CallId Start(const Key& key, const Request& request, Callbacks callbacks, absl::Duration timeout);
+  CallId Start(const Key& key, const Request& request, Callbacks&& callbacks,
+               absl::Duration timeout);
   bool Withdraw(CallId id) { return Abandon(id, absl::CancelledError("the call was withdrawn")); }
   void Close();
   std::size_t size() const { return calls_.size(); }
 
   void OnAnswered(CallId id, const T& message);
   void OnFailed(CallId id, int code);
-  void OnDropped(CallId id);
   void OnStreamEnded(const AbstractStream* stream) override;
   void PostPutOffWork();
 
@@ -92,20 +96,43 @@ class OpenCalls final : public AbstractStream::EndObserver,
     std::string question;  // Until it is sent.
     std::unique_ptr<Scheduler::Timer> timer;
     Stream* stream = nullptr;  // In whose table the call stands.
+    int tickets = 0;           // Of the table's, and of copies of what stands there.
   };
   class Ticket;
   class Walk;
 
-  // How a call begins. Empty if the client could not read the question.
-  static std::string Question(const Key& key, const Request& request, CallId id);
+  // Never destroyed: a stream, with the tickets in its table, may outlive the statics.
+  static std::vector<OpenCalls*>& All() {
+    static auto& all = *new std::vector<OpenCalls*>;
+    return all;
+  }
+  // Whether there is something at `calls`.
+  static bool IsThere(const OpenCalls* calls);
+  // `calls`, unless it is gone or about to go.
+  static std::shared_ptr<OpenCalls> Lock(OpenCalls* calls);
+  // Counts the tickets of a call that has not ended.
+  void AddTicket(CallId id);
+  void DropTicket(CallId id);
+
+  // How a call begins.
+  OpenCall& Add(CallId id);
+  // False if the client could not read the question.
+  bool WriteQuestion(const Key& key, const Request& request, CallId id, std::string& question);
   void Enter(CallId id);
   // False if there is a call of that id already.
   bool EnterInTable(Stream& stream, const Key& key, CallId id);
+  bool SendQuestion(Stream& stream, CallId id, std::string& question);
   bool Send(Stream& stream, const ::rpc::transport::StreamMessage& envelope);
 
+  // In ascending order.
+  template <class Predicate>
+  std::vector<CallId> FindCalls(const Predicate& matches) const;
+
   // How it ends.
-  using TakenCall = typename std::map<CallId, OpenCall>::node_type;
-  TakenCall Take(CallId id);  // Empty if it has ended.
+  std::unique_ptr<OpenCall> Take(CallId id);  // Null if it has ended.
+  // Keeps the call's memory for another one.
+  Callbacks Release(std::unique_ptr<OpenCall> call);
+  void OnDropped(CallId id);
   void OnDeadline(CallId id);
   void EndLater(CallId id, const absl::Status& status);
   bool Abandon(CallId id, const absl::Status& status);
@@ -126,7 +153,15 @@ class OpenCalls final : public AbstractStream::EndObserver,
   const CallbackCallerOptions options_;
   bool closed_ = false;
   int sending_ = 0;  // A transport may come back in while it is written to.
-  std::map<CallId, OpenCall> calls_;
+  absl::flat_hash_map<CallId, std::unique_ptr<OpenCall>> calls_;
+  // Of calls that have ended, for others; the texts in them are short.
+  std::vector<std::unique_ptr<OpenCall>> spare_;
+  static constexpr std::size_t kMaxSpare = 64;
+  static constexpr std::size_t kMaxSpareText = 1 << 10;
+  ::rpc::transport::StreamMessage envelope_;  // Of the question that is being sent.
+  // What the last question was for, and the field that says so; empty before the first.
+  Key last_key_;
+  std::string last_key_field_;
   LateCallbacks ends_;  // Of calls that are no longer in `calls_`.
   bool waits_for_walk_ = false;
   std::deque<CallId> to_enter_;
@@ -155,52 +190,91 @@ class OpenCalls<T>::Walk {
   static inline std::vector<std::shared_ptr<OpenCalls>> waiting_;
 };
 
-// Shared by the two callables of a StreamCall and by all their copies. Its destruction says that
-// the table has let the call go.
+// What a StreamCall and its copies have of an open call. When the last of them goes, the table has
+// let the call go.
 template <class T>
 class OpenCalls<T>::Ticket {
  public:
-  Ticket(std::weak_ptr<OpenCalls> calls, CallId id) : calls_(std::move(calls)), id_(id) {}
-  Ticket(const Ticket&) = delete;
+  Ticket(OpenCalls& calls, CallId id) : calls_(&calls), id_(id) { calls.AddTicket(id); }
+  Ticket(const Ticket& other) : calls_(other.calls_), id_(other.id_) {
+    if (IsThere(calls_)) calls_->AddTicket(id_);
+  }
+  Ticket(Ticket&& other) noexcept : calls_(std::exchange(other.calls_, nullptr)), id_(other.id_) {}
   Ticket& operator=(const Ticket&) = delete;
   ~Ticket() {
-    if (const auto calls = calls_.lock()) calls->OnDropped(id_);
+    if (IsThere(calls_)) calls_->DropTicket(id_);
   }
 
-  void Answer(const T& message) const {
-    if (const auto calls = calls_.lock()) calls->OnAnswered(id_, message);
-  }
   void Fail(int code) const {
-    if (const auto calls = calls_.lock()) calls->OnFailed(id_, code);
+    if (const auto calls = Lock(calls_)) calls->OnFailed(id_, code);
   }
 
  private:
-  const std::weak_ptr<OpenCalls> calls_;
+  OpenCalls* calls_;
   const CallId id_;
 };
 
 template <class T>
-std::string OpenCalls<T>::Question(const Key& key, const Request& request, CallId id) {
-  // Most questions are small: their parts need no memory of their own.
-  alignas(std::max_align_t) char memory[1024];
-  google::protobuf::ArenaOptions options;
-  options.initial_block = memory;
-  options.initial_block_size = sizeof(memory);
-  google::protobuf::Arena arena(options);
-  T& question = *google::protobuf::Arena::CreateMessage<T>(&arena);
-  *question.mutable_profile_id() = key;
-  *question.mutable_request() = request;
-  std::string payload = question.SerializeAsString();
-  if (!IsReadable(question, payload)) return std::string();
-  // Behind the rest, to which it belongs for every parser: with it, no payload would look plain.
-  T& number = *google::protobuf::Arena::CreateMessage<T>(&arena);
-  number.set_call_id(id);
-  number.AppendToString(&payload);
-  return payload;
+bool OpenCalls<T>::IsThere(const OpenCalls* calls) {
+  return std::find(All().begin(), All().end(), calls) != All().end();
 }
 
 template <class T>
-CallId OpenCalls<T>::Start(const Key& key, const Request& request, Callbacks callbacks,
+std::shared_ptr<OpenCalls<T>> OpenCalls<T>::Lock(OpenCalls* calls) {
+  return IsThere(calls) ? calls->weak_from_this().lock() : nullptr;
+}
+
+template <class T>
+void OpenCalls<T>::AddTicket(CallId id) {
+  const auto call = calls_.find(id);
+  if (call != calls_.end()) ++call->second->tickets;
+}
+
+template <class T>
+void OpenCalls<T>::DropTicket(CallId id) {
+  const auto call = calls_.find(id);
+  if (call != calls_.end() && --call->second->tickets == 0) OnDropped(id);
+}
+
+template <class T>
+typename OpenCalls<T>::OpenCall& OpenCalls<T>::Add(CallId id) {
+  std::unique_ptr<OpenCall>& call = calls_[id];
+  if (spare_.empty()) {
+    call = std::make_unique<OpenCall>();
+  } else {
+    call = std::move(spare_.back());
+    spare_.pop_back();
+  }
+  return *call;
+}
+
+template <class T>
+bool OpenCalls<T>::WriteQuestion(const Key& key, const Request& request, CallId id,
+                                 std::string& question) {
+  question.clear();
+  // Most questions are for the key of the one before.
+  if (last_key_field_.empty() || !MessageEqual()(&key, &last_key_)) {
+    last_key_ = key;
+    last_key_field_.clear();
+    AppendMessageField(T::kProfileIdFieldNumber, key, last_key_field_);
+  }
+  question.append(last_key_field_);
+  AppendMessageField(T::kRequestFieldNumber, request, question);
+  // Before the id comes behind it: with that, no question would look plain.
+  if (!IsReadable(T::default_instance(), question)) return false;
+  static const auto id_type = T::descriptor()->FindFieldByNumber(T::kCallIdFieldNumber)->type();
+  if (id_type == google::protobuf::FieldDescriptor::TYPE_INT64) {
+    AppendInt64Field(T::kCallIdFieldNumber, id, question);
+  } else {
+    T number;
+    number.set_call_id(id);
+    number.AppendToString(&question);
+  }
+  return true;
+}
+
+template <class T>
+CallId OpenCalls<T>::Start(const Key& key, const Request& request, Callbacks&& callbacks,
                            absl::Duration timeout) {
   const CallId id = FreeId(key);
   if (closed_) {
@@ -209,11 +283,10 @@ CallId OpenCalls<T>::Start(const Key& key, const Request& request, Callbacks cal
     });
     return id;
   }
-  OpenCall& call = calls_[id];
+  OpenCall& call = Add(id);
   call.key = key;
   call.callbacks = std::move(callbacks);
-  call.question = Question(key, request, id);
-  if (call.question.empty()) {  // Others have an id in them.
+  if (!WriteQuestion(key, request, id, call.question)) {
     EndLater(id, absl::InvalidArgumentError("the question has text that is no UTF-8"));
     return id;
   }
@@ -236,7 +309,9 @@ template <class T>
 void OpenCalls<T>::Close() {
   closed_ = true;
   while (!calls_.empty()) {
-    Abandon(calls_.begin()->first, absl::CancelledError("the caller is gone"));
+    for (const CallId id : FindCalls([](const OpenCall& /*call*/) { return true; })) {
+      Abandon(id, absl::CancelledError("the caller is gone"));
+    }
   }
   ends_.RunAll();
 }
@@ -244,12 +319,13 @@ void OpenCalls<T>::Close() {
 template <class T>
 void OpenCalls<T>::OnAnswered(CallId id, const T& message) {
   const Walk walk;
-  TakenCall call = Take(id);
-  if (!call) return;
+  std::unique_ptr<OpenCall> call = Take(id);
+  if (call == nullptr) return;
+  Callbacks callbacks = Release(std::move(call));
   if (sending_ == 0) {
-    call.mapped().callbacks.on_response(message.response());
+    callbacks.on_response(message.response());
   } else {
-    ends_.Add([callbacks = std::move(call.mapped().callbacks), response = message.response()] {
+    ends_.Add([callbacks = std::move(callbacks), response = message.response()] {
       callbacks.on_response(response);
     });
   }
@@ -266,13 +342,12 @@ void OpenCalls<T>::OnFailed(CallId id, int code) {
     return;
   }
   const Walk walk;
-  const TakenCall call = Take(id);
-  if (call) call.mapped().callbacks.on_error(status);
+  std::unique_ptr<OpenCall> call = Take(id);
+  if (call != nullptr) Release(std::move(call)).on_error(status);
 }
 
 template <class T>
 void OpenCalls<T>::OnDropped(CallId id) {
-  if (calls_.count(id) == 0) return;  // As for every call that has ended well.
   EndLater(id, absl::UnavailableError("the client's stream is gone"));
 }
 
@@ -280,9 +355,8 @@ template <class T>
 void OpenCalls<T>::OnStreamEnded(const AbstractStream* stream) {
   PruneStreams([stream](const Stream* candidate) { return candidate == stream; });
   // A stream ends its calls itself, unless it completes by hand or somebody has copied a callable.
-  for (auto next = calls_.begin(); next != calls_.end();) {
-    const auto call = next++;
-    if (call->second.stream == stream) OnDropped(call->first);
+  for (const CallId id : FindCalls([=](const OpenCall& call) { return call.stream == stream; })) {
+    OnDropped(id);
   }
   for (auto place = to_take_out_.begin(); place != to_take_out_.end();) {
     place = place->stream == stream ? to_take_out_.erase(place) : std::next(place);
@@ -294,7 +368,7 @@ template <class T>
 void OpenCalls<T>::Enter(CallId id) {
   const auto found = calls_.find(id);
   if (found == calls_.end()) return;  // It ended while this was put off.
-  OpenCall& call = found->second;
+  OpenCall& call = *found->second;
   Stream* stream = FindStream(call.key);
   if (stream == nullptr) {
     EndLater(id, absl::NotFoundError("nobody answers for {" + call.key.ShortDebugString() + "}"));
@@ -304,10 +378,7 @@ void OpenCalls<T>::Enter(CallId id) {
     EndLater(id, absl::AlreadyExistsError("somebody else has taken the call's id"));
   } else {
     call.stream = stream;
-    ::rpc::transport::StreamMessage question;
-    question.set_payload(std::move(call.question));
-    question.set_call_id(id);
-    if (!Send(*stream, question)) {
+    if (!SendQuestion(*stream, id, call.question)) {
       Abandon(id, absl::UnavailableError("the client's stream cannot be written to"));
     }
   }
@@ -321,11 +392,25 @@ bool OpenCalls<T>::EnterInTable(Stream& stream, const Key& key, CallId id) {
   }
   const auto [place, is_new] = entry->second.try_emplace(id);
   if (!is_new) return false;
-  const auto ticket = std::make_shared<const Ticket>(this->weak_from_this(), id);
   auto& stream_call = place->second;
-  stream_call.on_response = [ticket](const T& message) { ticket->Answer(message); };
-  stream_call.on_error = [ticket](int code) { ticket->Fail(code); };
+  // Small and plain enough to need no memory of its own, as a ticket would.
+  stream_call.on_response = [calls = this, id](const T& message) {
+    if (const auto locked = Lock(calls)) locked->OnAnswered(id, message);
+  };
+  stream_call.on_error = [ticket = Ticket(*this, id)](int code) { ticket.Fail(code); };
   return true;
+}
+
+// Takes the question's text, and leaves memory for another one.
+template <class T>
+bool OpenCalls<T>::SendQuestion(Stream& stream, CallId id, std::string& question) {
+  // For large ones, and for what a transport asks while it is written to.
+  ::rpc::transport::StreamMessage own;
+  const bool shares = sending_ == 0 && question.capacity() <= kMaxSpareText;
+  ::rpc::transport::StreamMessage& envelope = shares ? envelope_ : own;
+  envelope.mutable_payload()->swap(question);
+  envelope.set_call_id(id);
+  return Send(stream, envelope);
 }
 
 template <class T>
@@ -337,37 +422,62 @@ bool OpenCalls<T>::Send(Stream& stream, const ::rpc::transport::StreamMessage& e
 }
 
 template <class T>
-typename OpenCalls<T>::TakenCall OpenCalls<T>::Take(CallId id) {
-  TakenCall call = calls_.extract(id);
-  if (call) call.mapped().timer.reset();
+template <class Predicate>
+std::vector<CallId> OpenCalls<T>::FindCalls(const Predicate& matches) const {
+  std::vector<CallId> ids;
+  for (const auto& [id, call] : calls_) {
+    if (matches(*call)) ids.push_back(id);
+  }
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+template <class T>
+std::unique_ptr<typename OpenCalls<T>::OpenCall> OpenCalls<T>::Take(CallId id) {
+  const auto found = calls_.find(id);
+  if (found == calls_.end()) return nullptr;
+  std::unique_ptr<OpenCall> call = std::move(found->second);
+  calls_.erase(found);
+  call->timer.reset();
   return call;
 }
 
 template <class T>
+typename OpenCalls<T>::Callbacks OpenCalls<T>::Release(std::unique_ptr<OpenCall> call) {
+  Callbacks callbacks = std::move(call->callbacks);
+  const bool is_small =
+      call->key.ByteSizeLong() <= kMaxSpareText && call->question.capacity() <= kMaxSpareText;
+  if (!is_small || spare_.size() >= kMaxSpare) return callbacks;
+  call->callbacks = Callbacks();
+  call->stream = nullptr;
+  call->tickets = 0;
+  spare_.push_back(std::move(call));
+  return callbacks;
+}
+
+template <class T>
 void OpenCalls<T>::OnDeadline(CallId id) {
-  const TakenCall call = Take(id);
-  if (!call) return;
-  TakeOutOfTable(call.mapped(), id);
-  call.mapped().callbacks.on_error(
-      absl::DeadlineExceededError("the client did not answer in time"));
+  std::unique_ptr<OpenCall> call = Take(id);
+  if (call == nullptr) return;
+  TakeOutOfTable(*call, id);
+  Release(std::move(call))
+      .on_error(absl::DeadlineExceededError("the client did not answer in time"));
 }
 
 // For a call that stands in no table, or in one that is letting it go.
 template <class T>
 void OpenCalls<T>::EndLater(CallId id, const absl::Status& status) {
-  TakenCall call = Take(id);
-  if (!call) return;
-  ends_.Add(
-      [callbacks = std::move(call.mapped().callbacks), status] { callbacks.on_error(status); });
+  std::unique_ptr<OpenCall> call = Take(id);
+  if (call == nullptr) return;
+  ends_.Add([callbacks = Release(std::move(call)), status] { callbacks.on_error(status); });
 }
 
 template <class T>
 bool OpenCalls<T>::Abandon(CallId id, const absl::Status& status) {
-  TakenCall call = Take(id);
-  if (!call) return false;
-  TakeOutOfTable(call.mapped(), id);
-  ends_.Add(
-      [callbacks = std::move(call.mapped().callbacks), status] { callbacks.on_error(status); });
+  std::unique_ptr<OpenCall> call = Take(id);
+  if (call == nullptr) return false;
+  TakeOutOfTable(*call, id);
+  ends_.Add([callbacks = Release(std::move(call)), status] { callbacks.on_error(status); });
   return true;
 }
 
