@@ -1,4 +1,4 @@
-// Derives from two skeletons, serves and calls them, with what is installed and nothing else.
+// Derives from three skeletons, serves and calls them, with what is installed and nothing else.
 
 #include <cstdio>
 #include <string>
@@ -9,6 +9,8 @@
 #include "core/server/rpc_server.h"
 #include "notes/notes.client.h"
 #include "notes/notes.rpc.h"
+#include "rpc/host/browser_host.client.h"
+#include "rpc/host/browser_host.rpc.h"
 #include "rpc/profile/profile.client.h"
 #include "rpc/profile/profile.rpc.h"
 
@@ -23,6 +25,16 @@ class ProfileHost : public rpc::ProfileRpc {
   }
 };
 
+class BrowserHost : public rpc::BrowserHostRpc {
+ public:
+  void ListProfiles(google::protobuf::RpcController* /*controller*/,
+                    const google::protobuf::Empty* /*request*/, rpc::ProfileList* response,
+                    google::protobuf::Closure* done) override {
+    response->add_profiles()->set_name("one");
+    done->Run();
+  }
+};
+
 class NotesHost : public notes::NotesRpc {
  public:
   void Read(google::protobuf::RpcController* /*controller*/, const ProfileId* request,
@@ -33,9 +45,10 @@ class NotesHost : public notes::NotesRpc {
   }
 };
 
-bool CallOverASocket(ProfileHost& profiles, NotesHost& notes) {
+bool CallOverASocket(ProfileHost& profiles, BrowserHost& browsers, NotesHost& notes) {
   varnic::RpcServer server;
   server.AddService(profiles);
+  server.AddService(browsers);
   server.AddService(notes);
   const auto address = server.Listen("127.0.0.1:0");
   if (!address.ok()) return false;
@@ -46,11 +59,12 @@ bool CallOverASocket(ProfileHost& profiles, NotesHost& notes) {
   ProfileId profile;
   profile.set_value("one");
   const auto name = rpc::ProfileClient(client).NameAndWait(profile, absl::Seconds(30));
+  const auto list = rpc::BrowserHostClient(client).ListProfilesAndWait({}, absl::Seconds(30));
   const auto note = notes::NotesClient(client).ReadAndWait(profile, absl::Seconds(30));
   server.Post([&server] { server.Stop(); });
   thread.join();
-  return name.ok() && name->value() == "profile one" && note.ok() &&
-         note->profile_id().value() == "one" && note->text() == "remember";
+  return name.ok() && name->value() == "profile one" && list.ok() && list->profiles_size() == 1 &&
+         note.ok() && note->profile_id().value() == "one" && note->text() == "remember";
 }
 
 bool OpenAStream(ProfileHost& host) {
@@ -66,8 +80,9 @@ bool OpenAStream(ProfileHost& host) {
 
 int main() {
   ProfileHost profiles;
+  BrowserHost browsers;
   NotesHost notes;
-  const bool passed = CallOverASocket(profiles, notes) && OpenAStream(profiles);
+  const bool passed = CallOverASocket(profiles, browsers, notes) && OpenAStream(profiles);
   std::puts(passed ? "passed" : "failed");
   return passed ? 0 : 1;
 }
