@@ -1,18 +1,14 @@
 #ifndef TOOLS_CTL_COMMAND_H_
 #define TOOLS_CTL_COMMAND_H_
 
-#include <google/protobuf/descriptor.h>
-#include <google/protobuf/message.h>
-
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 #include "core/net/tls_context.h"
+#include "tools/call_command.h"
 #include "tools/default_paths.h"
 #include "tools/stream_command.h"
 
@@ -22,8 +18,6 @@ namespace varnic::tools {
 // gRPC status, so that a script can tell "no such profile" (15) from "no host there" (24). A
 // long-running command that is stopped has done what it was to do.
 enum CtlExitCode { kCtlOk = 0, kCtlOutputFailed = 1, kCtlUsage = 2, kCtlCallFailed = 10 };
-
-constexpr absl::Duration kDefaultCallTimeout = absl::Seconds(10);
 
 // One invocation of varnicctl, understood but not carried out.
 struct CtlCommand {
@@ -38,11 +32,9 @@ struct CtlCommand {
   std::string tls_flags;
   // As the user wrote it: "get-user-agent".
   std::string name;
-  // Of a command that runs until it is stopped; the rest is of one that makes a call.
+  // One of them: a command that runs until it is stopped, or one that makes a call.
   std::optional<StreamCommand> stream;
-  absl::Duration timeout = absl::InfiniteDuration();
-  const google::protobuf::MethodDescriptor* method = nullptr;
-  std::unique_ptr<google::protobuf::Message> request;
+  std::optional<CallCommand> call;
 };
 
 // INVALID_ARGUMENT says what is wrong. `arguments` are without the program's name.
@@ -50,13 +42,7 @@ absl::StatusOr<CtlCommand> ParseCtlCommand(const std::vector<std::string>& argum
                                            const Environment& environment);
 
 // What a user may try when that has happened; empty if there is nothing to say.
-std::string CtlHint(const CtlCommand& command, absl::StatusCode code);
-
-// An answer for people: the value of a single-valued message alone; a line for each field of any
-// other; nothing for an empty one. No text in it breaks a line or reaches the terminal's controls.
-std::string FormatAnswerForPeople(const google::protobuf::Message& answer);
-// An answer for programs: the message's JSON form, in one line.
-std::string FormatAnswerAsJson(const google::protobuf::Message& answer);
+std::string CtlHint(const CtlCommand& command, const absl::Status& status);
 
 // Why a call failed and what to try, for people; and as one line of JSON.
 std::string FormatFailureForPeople(const CtlCommand& command, const absl::Status& status);

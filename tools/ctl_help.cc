@@ -11,14 +11,23 @@ std::string GeneralHelp(const Environment& environment) {
   return absl::StrCat(R"(Usage: varnicctl [OPTION]... COMMAND [PROFILE]
        varnicctl help COMMAND
 
-Calls a running varnic-host about a profile: its id, or nothing for the default
-profile.
+Calls a running varnic-host about its profiles and their browsers.
+
+  profiles                       all profiles, incognito ones too, a line each
+  new-profile [NAME]             make one that stays, and print its id
+  delete-profile PROFILE         close its browsers, and remove what it has on
+                                 the host's disk
+  browsers [PROFILE]             open browsers, of all profiles or of one
+  close-browser BROWSER          by its id, as create-browser prints it
+
+These are about one profile: its id, or nothing for the default profile.
 
   path                           the profile's folder on the host's disk
   name                           the name that a person gave it
   is-incognito
   is-default
-  create-browser                 open a browser in the profile; see below
+  create-browser                 open a browser in the profile, and print the
+                                 browser's id; see below
   get-accept-language            the languages that pages are asked for
   set-accept-language LANGUAGES  set them: "fr-FR,fr,en"; the profile follows
   get-user-agent
@@ -28,6 +37,7 @@ These run until Ctrl-C, and come back by themselves when the connection is
 lost; 'varnicctl help COMMAND' says more about each:
 
   watch-network [PROFILE]...     print changes of the network as they happen
+  watch-profiles [PROFILE]...    print what happens to profiles and browsers
   answer-files                   answer the host's questions about files
   answer-auth                    answer its questions for credentials
 
@@ -42,7 +52,10 @@ lost; 'varnicctl help COMMAND' says more about each:
   --tls-server-name NAME         the name in the host's certificate.
                                  Default: the host in ADDRESS
   --timeout SECONDS              how long to wait for an answer. Default: )",
-                      absl::ToInt64Seconds(kDefaultCallTimeout), R"(
+                      absl::ToInt64Seconds(kDefaultCallTimeout), R"(, or
+                                 )",
+                      absl::ToInt64Seconds(kBrowserCallTimeout),
+                      R"( where a browser may have to start or to end
   --json                         print answers and errors as JSON, a line each
   --help                         print this text
   --version                      print the version
@@ -56,8 +69,8 @@ For create-browser:
 
 Exit status: 0 if the call was answered, 1 if the answer could not be written,
 2 if the command line is wrong, and 10 plus the gRPC status if the call failed:
-13 for a bad argument, 15 for an unknown profile, 19 if the host cannot do it
-now, 24 if no host is there.
+13 for a bad argument, 15 for an unknown profile or browser, 19 if the host
+cannot do it now, 24 if no host is there.
 A command that runs until Ctrl-C exits with 0 then.
 )");
 }
@@ -98,6 +111,32 @@ heard. Without a profile, the default profile is meant.
                                  {"time":...,"type":"network","profile":...,
                                   "change":{"online":true,...}}
                                  with the fields of rpc.NetworkChanged
+)";
+
+constexpr char kWatchProfilesHelp[] =
+    R"(Usage: varnicctl watch-profiles [OPTION]... [PROFILE]...
+
+Prints what profiles and browsers there are, and then a line for each thing that
+happens to them: profiles are created, started, stopped, renamed and deleted;
+browsers are opened, show another page, and are closed. What happens while there
+is no connection is told when it is back. Without a profile, all are meant.
+
+  --profile PROFILE              the same as PROFILE alone
+  --json                         print JSON, a line each; type "profile" or
+                                 "browser":
+                                 {"time":...,"type":"profile","profile":...,
+                                  "change":...,"state":{"name":...,...}}
+                                 {"time":...,"type":"browser","profile":...,
+                                  "change":...,"browser":{"id":...,...}}
+                                 with the fields of rpc.ProfileInfo and
+                                 rpc.BrowserInfo. "change" of a profile is
+                                 "present", "created", "started", "stopped",
+                                 "renamed", "default" (it is that now),
+                                 "deleted" or "absent" (no profile has this id;
+                                 without "state"); of a browser, "present",
+                                 "opened", "shows" or "closed"
+
+The host tells states, so of what comes and goes quickly nothing may be heard.
 )";
 
 constexpr char kAnswerFilesHelp[] =
@@ -175,6 +214,7 @@ or until the host says that a challenge is the first.
 std::string CtlHelp(const std::string& name, const Environment& environment) {
   const char* text = nullptr;
   if (name == "watch-network") text = kWatchNetworkHelp;
+  if (name == "watch-profiles") text = kWatchProfilesHelp;
   if (name == "answer-files") text = kAnswerFilesHelp;
   if (name == "answer-auth") text = kAnswerAuthHelp;
   if (text == nullptr) return GeneralHelp(environment);

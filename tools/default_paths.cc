@@ -37,10 +37,10 @@ std::string DefaultAddress(const Environment& environment) {
   return absl::StrCat("unix:", DefaultRuntimeFolder(environment), "/host.sock");
 }
 
-std::string DefaultUserDataFolder(const Environment& environment) {
+std::string DefaultProfilesFolder(const Environment& environment) {
   std::string data = PathFrom(environment, "XDG_DATA_HOME");
   if (data.empty()) data = PathFrom(environment, "HOME") + "/.local/share";
-  return data + "/varnic/user-data";
+  return data + "/varnic/profiles";
 }
 
 absl::Status MakePrivateFolder(const std::string& folder) {

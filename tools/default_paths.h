@@ -20,8 +20,8 @@ std::string DefaultRuntimeFolder(const Environment& environment);
 // The address of the default host: a socket in the runtime folder.
 std::string DefaultAddress(const Environment& environment);
 
-// $XDG_DATA_HOME/varnic/user-data, or the same below ~/.local/share.
-std::string DefaultUserDataFolder(const Environment& environment);
+// $XDG_DATA_HOME/varnic/profiles, or the same below ~/.local/share.
+std::string DefaultProfilesFolder(const Environment& environment);
 
 // Makes `folder`, with the folders above it, for this user alone (mode 0700). FAILED_PRECONDITION
 // if what is there is no folder, is somebody else's, or is open to others: a socket in it could be

@@ -37,10 +37,10 @@ TEST(DefaultPathsTest, RelativePathsInTheEnvironmentAreIgnored) {
 }
 
 TEST(DefaultPathsTest, ProfilesAreInTheDataHome) {
-  EXPECT_EQ(DefaultUserDataFolder(With({{"HOME", "/home/a"}})),
-            "/home/a/.local/share/varnic/user-data");
-  EXPECT_EQ(DefaultUserDataFolder(With({{"HOME", "/home/a"}, {"XDG_DATA_HOME", "/data"}})),
-            "/data/varnic/user-data");
+  EXPECT_EQ(DefaultProfilesFolder(With({{"HOME", "/home/a"}})),
+            "/home/a/.local/share/varnic/profiles");
+  EXPECT_EQ(DefaultProfilesFolder(With({{"HOME", "/home/a"}, {"XDG_DATA_HOME", "/data"}})),
+            "/data/varnic/profiles");
 }
 
 class PrivateFolderTest : public ::testing::Test {

@@ -31,12 +31,15 @@ std::string LineForPrograms(const Happening& happening, absl::Time time) {
   return JsonLine(object);
 }
 
+std::size_t CharacterCount(const std::string& text) {
+  // All bytes but those that continue a character.
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  }));
+}
+
 std::string Pad(const std::string& text, std::size_t width) {
-  // All bytes of UTF-8 but those that continue a character.
-  const auto characters =
-      static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-      }));
+  const std::size_t characters = CharacterCount(text);
   return characters < width ? text + std::string(width - characters, ' ') : text;
 }
 

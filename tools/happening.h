@@ -35,6 +35,9 @@ std::string LineForPeople(const Happening& happening, absl::Time time, const abs
 // it does no harm on a terminal either.
 std::string LineForPrograms(const Happening& happening, absl::Time time);
 
+// Of UTF-8.
+std::size_t CharacterCount(const std::string& text);
+
 // `text` and as many blanks as it lacks of `width` characters.
 std::string Pad(const std::string& text, std::size_t width);
 

@@ -28,6 +28,11 @@ TEST(HappeningTest, LineAboutTheConnectionSaysWhoSpeaks) {
             "2026-11-21 07:46:11  varnicctl: connected\n");
 }
 
+TEST(HappeningTest, CharactersAreCountedAndNotTheirBytes) {
+  EXPECT_EQ(CharacterCount("Zoë…"), 4U);
+  EXPECT_EQ(Pad("Zoë", 5), "Zoë  ");
+}
+
 TEST(HappeningTest, ProgramsReadOneObjectInOneLine) {
   const Happening happening = {"network", "P", "online", {{"online", true}}};
 

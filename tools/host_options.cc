@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
+#include "absl/time/time.h"
 #include "core/host/user_agent.h"
 #include "core/net/address.h"
 #include "tools/accounts.h"
@@ -12,6 +14,9 @@
 namespace varnic::tools {
 
 namespace {
+
+constexpr int kMaxQuestionSeconds = 24 * 60 * 60;
+constexpr int kMaxLoginAttempts = 100;
 
 absl::Status Failure(const CommandLine& line, const std::string& option, const std::string& why) {
   return absl::InvalidArgumentError(absl::StrCat(line.Quote({option}), ": ", why));
@@ -119,28 +124,87 @@ absl::Status ReadTls(const CommandLine& line, HostOptions& options) {
   return absl::OkStatus();
 }
 
+absl::Status ReadProfiles(const CommandLine& line, const Environment& environment,
+                          HostOptions& options) {
+  for (const char* option : {"profiles-dir", "user-data-dir"}) {
+    if (line.Has(option) && line.Get(option, "").empty()) {
+      return Failure(line, option, "needs the path of a directory");
+    }
+  }
+  if (line.Has("user-data-dir")) {
+    for (const char* option : {"profiles-dir", "no-sandbox", "restart-delay", "file-default",
+                               "question-timeout", "login-attempts"}) {
+      if (!line.Has(option)) continue;
+      return Failure(line, option, "is for hosts with browsers, and --user-data-dir has none");
+    }
+  }
+  options.user_data_dir = line.Get("user-data-dir", "");
+  options.profiles_dir = line.Get("profiles-dir", DefaultProfilesFolder(environment));
+  options.browser = line.Get("browser", "");
+  options.without_sandbox = line.Has("no-sandbox");
+  if (line.Has("restart-delay")) {
+    double seconds = 0;
+    const absl::Duration most = options.pacing.max_delay;
+    if (!absl::SimpleAtod(line.Get("restart-delay", ""), &seconds) || !(seconds >= 0) ||
+        seconds > absl::ToDoubleSeconds(most)) {
+      return Failure(
+          line, "restart-delay",
+          absl::StrCat("is a number of seconds, ", absl::ToInt64Seconds(most), " at most"));
+    }
+    options.pacing.first_delay = absl::Seconds(seconds);
+  }
+  if (!line.Has("user-agent")) return absl::OkStatus();
+  absl::StatusOr<host::UserAgent> user_agent = host::UserAgentFromText(line.Get("user-agent", ""));
+  if (!user_agent.ok()) {
+    return absl::InvalidArgumentError(
+        absl::StrCat("--user-agent: ", user_agent.status().message()));
+  }
+  options.user_agent = *std::move(user_agent);
+  return absl::OkStatus();
+}
+
+absl::Status ReadQuestions(const CommandLine& line, HostOptions& options) {
+  host::QuestionOptions& questions = options.questions;
+  const std::string file_default = line.Get("file-default", "deny");
+  if (file_default != "deny" && file_default != "allow") {
+    return Failure(line, "file-default", "has to be deny or allow");
+  }
+  questions.allow_files = file_default == "allow";
+  if (line.Has("question-timeout")) {
+    double seconds = 0;
+    if (!absl::SimpleAtod(line.Get("question-timeout", ""), &seconds) || !(seconds > 0) ||
+        seconds > kMaxQuestionSeconds) {
+      return Failure(
+          line, "question-timeout",
+          absl::StrCat("has to be a number of seconds above 0, ", kMaxQuestionSeconds, " at most"));
+    }
+    questions.time = absl::Seconds(seconds);
+  }
+  if (line.Has("login-attempts")) {
+    int& attempts = questions.login_attempts;
+    if (!absl::SimpleAtoi(line.Get("login-attempts", ""), &attempts) || attempts < 1 ||
+        attempts > kMaxLoginAttempts) {
+      return Failure(line, "login-attempts",
+                     absl::StrCat("has to be a number from 1 to ", kMaxLoginAttempts));
+    }
+  }
+  return absl::OkStatus();
+}
+
 }  // namespace
 
 absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arguments,
                                              const Environment& environment,
                                              const std::vector<std::string>& inherited) {
-  const absl::StatusOr<CommandLine> line = ParseCommandLine(arguments, {{"listen", true},
-                                                                        {"user-data-dir", true},
-                                                                        {"user-agent", true},
-                                                                        {"browser", true},
-                                                                        {"allow-user", true},
-                                                                        {"allow-group", true},
-                                                                        {"tls-cert", true},
-                                                                        {"tls-key", true},
-                                                                        {"tls-client-ca", true},
-                                                                        {"tls-crl", true},
-                                                                        {"policy", true},
-                                                                        {"metrics", true},
-                                                                        {"no-reflection", false},
-                                                                        {"log-format", true},
-                                                                        {"log-level", true},
-                                                                        {"help", false},
-                                                                        {"version", false}});
+  const absl::StatusOr<CommandLine> line = ParseCommandLine(
+      arguments, {{"listen", true},        {"profiles-dir", true},     {"user-data-dir", true},
+                  {"user-agent", true},    {"browser", true},          {"no-sandbox", false},
+                  {"file-default", true},  {"question-timeout", true}, {"login-attempts", true},
+                  {"allow-user", true},    {"allow-group", true},      {"tls-cert", true},
+                  {"tls-key", true},       {"tls-client-ca", true},    {"tls-crl", true},
+                  {"policy", true},        {"metrics", true},          {"no-reflection", false},
+                  {"restart-delay", true}, {"log-format", true},       {"log-level", true},
+                  {"help", false},         {"version", false}});
   if (!line.ok()) return line.status();
   if (!line->words.empty()) {
     return absl::InvalidArgumentError(absl::StrCat("unexpected argument ", line->words.front()));
@@ -166,19 +230,9 @@ absl::StatusOr<HostOptions> ParseHostOptions(const std::vector<std::string>& arg
   if (status.ok()) status = ReadLog(*line, options);
   if (status.ok()) status = ReadAdmission(*line, options);
   if (status.ok()) status = ReadTls(*line, options);
+  if (status.ok()) status = ReadProfiles(*line, environment, options);
+  if (status.ok()) status = ReadQuestions(*line, options);
   if (!status.ok()) return status;
-  options.default_user_data_dir = !line->Has("user-data-dir");
-  options.user_data_dir = line->Get("user-data-dir", DefaultUserDataFolder(environment));
-  options.profiles.browser = line->Get("browser", "");
-  if (line->Has("user-agent")) {
-    absl::StatusOr<host::UserAgent> user_agent =
-        host::UserAgentFromText(line->Get("user-agent", ""));
-    if (!user_agent.ok()) {
-      return absl::InvalidArgumentError(
-          absl::StrCat("--user-agent: ", user_agent.status().message()));
-    }
-    options.profiles.user_agent = *std::move(user_agent);
-  }
   return options;
 }
 
@@ -186,7 +240,7 @@ std::string HostHelp(const Environment& environment) {
   return absl::StrCat(
       R"(Usage: varnic-host [OPTION]...
 
-Serves the profiles of a Chromium user-data directory to gRPC clients.
+Serves browser profiles to gRPC clients, and runs the browsers in them.
 
   --listen ADDRESS       where clients connect: unix:PATH, or HOST:PORT on a
                          loopback address (port 0: any free one); with TLS, on
@@ -194,14 +248,28 @@ Serves the profiles of a Chromium user-data directory to gRPC clients.
                          systemd passes take the place of all of them.
                          Default: )",
       DefaultAddress(environment), R"(
-  --user-data-dir DIR    an existing user-data directory.
-                         Default: a directory of its own, made when missing:
-                         )",
-      DefaultUserDataFolder(environment), R"(
+  --profiles-dir DIR     the profiles: a folder of the host's own, made when
+                         missing, with a user-data directory for each of them.
+                         Default: )",
+      DefaultProfilesFolder(environment), R"(
+  --user-data-dir DIR    instead, the files of an existing user-data directory;
+                         no browser is run
   --user-agent TEXT      the user agent of every profile.
                          Default: that of the installed browser.
-  --browser PROGRAM      the browser to ask for its version.
+  --browser PROGRAM      the browser, Chromium 132 or newer.
                          Default: the system's chromium.
+  --no-sandbox           run the browser without its sandbox, as root has to: a
+                         page that breaks out of the browser is the host's user
+  --restart-delay SECONDS
+                         how far apart the starts of a browser are after it has
+                         crashed; twice as far with each crash more, and two
+                         minutes at most. 0: no delay. Default: 1
+  --file-default ANSWER  deny or allow: whether pages may read a file if no
+                         client answers. Default: deny
+  --question-timeout SECONDS
+                         how long a client may take to answer. Default: 30
+  --login-attempts N     how often a request asks for credentials before it goes
+                         on without. Default: 3
   --allow-user USER      let this user, by name or number, connect to a
                          Unix-domain socket, too. May be given more than once.
                          Default: only the user that the host runs as.
@@ -227,8 +295,9 @@ Serves the profiles of a Chromium user-data directory to gRPC clients.
   --version              print the version
 
 Ctrl-C or SIGTERM ends it, once the calls that are open have ended or 10 seconds
-have passed; another one ends it at once. Exit status: 0 after that, 1 if it
-cannot serve, 2 if the command line is wrong. See docs/operations.md.
+have passed, and then the browsers; another one ends it at once. Exit status: 0
+after that, 1 if it cannot serve, 2 if the command line is wrong. See
+docs/operations.md.
 )");
 }
 

@@ -7,7 +7,9 @@
 
 #include "absl/status/statusor.h"
 #include "base/logging.h"
-#include "core/host/profile_host.h"
+#include "core/host/browser/start_pacer.h"
+#include "core/host/question_asker.h"
+#include "core/host/user_agent.h"
 #include "core/net/tls_context.h"
 #include "core/net/unix_admission.h"
 #include "tools/default_paths.h"
@@ -24,10 +26,17 @@ struct HostOptions {
   bool default_listen = false;
   // Addresses that were given in vain, because there are inherited sockets.
   std::vector<std::string> unused_listen;
+  // The folder of the profiles; made if it is missing.
+  std::string profiles_dir;
+  // Not empty: the files of this user-data directory are served instead, without browsers.
   std::string user_data_dir;
-  // A directory that nobody named is made if it is missing.
-  bool default_user_data_dir = false;
-  host::ProfileHostOptions profiles;
+  // What every profile calls itself; absent: what the installed browser calls itself.
+  std::optional<host::UserAgent> user_agent;
+  // The browser's program, a path or a name in PATH; empty: the system's Chromium.
+  std::string browser;
+  bool without_sandbox = false;
+  host::StartPacing pacing;
+  host::QuestionOptions questions;
   // For the Unix-domain sockets.
   net::UnixAdmission unix_admission;
   // For the TCP addresses, and what the user wrote of it.

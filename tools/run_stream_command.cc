@@ -1,6 +1,7 @@
 #include "tools/run_stream_command.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -11,17 +12,22 @@
 #include "absl/strings/str_cat.h"
 #include "core/client/client.h"
 #include "core/net/event_loop.h"
+#include "rpc/host/browser_host.client.h"
 #include "rpc/profile/profile.client.h"
 #include "tools/connection_text.h"
 #include "tools/credentials_answerer.h"
 #include "tools/file_answerer.h"
 #include "tools/network_text.h"
 #include "tools/password_file.h"
+#include "tools/profile_changes.h"
 #include "tools/stream_output.h"
 #include "tools/terminal_prompt.h"
 
 namespace varnic::tools {
 namespace {
+
+// Of "default-incognito-1": which ids there will be is not known.
+constexpr std::size_t kUsualIdWidth = 19;
 
 void PrintError(const std::string& text) {
   std::fputs(text.c_str(), stderr);
@@ -38,6 +44,9 @@ int FailureCode(const absl::Status& status) {
 StreamOutput::Options OutputOptions(const CtlCommand& command) {
   StreamOutput::Options options;
   options.json = command.json;
+  if (std::holds_alternative<WatchProfiles>(command.stream->task)) {
+    options.profile_width = kUsualIdWidth;
+  }
   for (const std::string& profile : command.stream->profiles) {
     options.profile_width = std::max(options.profile_width, ProfileLabel(profile).size());
   }
@@ -57,6 +66,7 @@ class StreamRun {
       : command_(command),
         client_(loop_, command.target, OptionsOf(command)),
         profile_(client_),
+        browser_host_(client_),
         output_(loop_, OutputOptions(command), [this](int error) { OnOutputBroken(error); }) {
     if (terminal == nullptr) return;
     prompt_ = std::make_unique<TerminalPrompt>(loop_, std::move(*terminal));
@@ -66,6 +76,15 @@ class StreamRun {
   int Run(const WatchNetwork& /*task*/) {
     return RunStream(profile_.WhenNetworkChanged(
         [this](const rpc::NetworkChanged& event) { output_.Tell(DescribeNetworkChange(event)); },
+        Listeners()));
+  }
+
+  int Run(const WatchProfiles& /*task*/) {
+    ProfileChanges changes;
+    return RunStream(browser_host_.WhenProfilesChanged(
+        [&](const rpc::ProfilesChanged& event) {
+          for (const Happening& happening : changes.Take(event)) output_.Tell(happening);
+        },
         Listeners()));
   }
 
@@ -122,7 +141,7 @@ class StreamRun {
   void OnDown(const absl::Status& why, absl::Duration retry_in) {
     // What to try, once, and not when it has worked before.
     const bool first = !std::exchange(was_down_, true) && !was_up_;
-    output_.Tell(DescribeDown(why, retry_in, was_up_, first ? CtlHint(command_, why.code()) : ""));
+    output_.Tell(DescribeDown(why, retry_in, was_up_, first ? CtlHint(command_, why) : ""));
   }
 
   void OnEnd(const absl::Status& status) {
@@ -154,6 +173,7 @@ class StreamRun {
   net::EventLoop loop_;
   Client client_;
   rpc::ProfileClient profile_;
+  rpc::BrowserHostClient browser_host_;
   StreamOutput output_;
   std::unique_ptr<TerminalPrompt> prompt_;  // While somebody may be asked.
   bool was_up_ = false;

@@ -1,5 +1,6 @@
 #include "tools/stream_command.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "absl/status/status.h"
@@ -11,6 +12,7 @@ namespace varnic::tools {
 namespace {
 
 constexpr char kWatchNetwork[] = "watch-network";
+constexpr char kWatchProfiles[] = "watch-profiles";
 constexpr char kAnswerFiles[] = "answer-files";
 constexpr char kAnswerAuth[] = "answer-auth";
 
@@ -32,6 +34,12 @@ absl::StatusOr<std::vector<std::string>> ProfilesOf(const CommandLine& line) {
   }
   if (profiles.empty()) profiles.emplace_back();
   return profiles;
+}
+
+// Under the empty id, each profile is told of; more ids would tell of some twice.
+std::vector<std::string> AllIfAny(const std::vector<std::string>& profiles) {
+  const bool has_all = std::find(profiles.begin(), profiles.end(), "") != profiles.end();
+  return has_all ? std::vector<std::string>{""} : profiles;
 }
 
 // A glob that the shell has expanded leaves words behind.
@@ -87,7 +95,7 @@ bool IsStreamCommand(const std::string& name) {
 }
 
 std::vector<std::string> StreamOptionsOf(const std::string& name) {
-  if (name == kWatchNetwork) return {"profile"};
+  if (name == kWatchNetwork || name == kWatchProfiles) return {"profile"};
   if (name == kAnswerFiles) return {"profile", "allow", "deny", "ask"};
   if (name == kAnswerAuth) return {"profile", "user", "password-file", "challenger", "ask"};
   return {};
@@ -100,14 +108,17 @@ std::vector<OptionSpec> StreamOptionSpecs() {
 
 absl::StatusOr<StreamCommand> ParseStreamCommand(const CommandLine& line) {
   const std::string& name = line.words.front();
-  if (name != kWatchNetwork) {
+  if (name != kWatchNetwork && name != kWatchProfiles) {
     if (absl::Status status = CheckNoWords(line); !status.ok()) return status;
   }
   StreamCommand command;
   absl::StatusOr<std::vector<std::string>> profiles = ProfilesOf(line);
   if (!profiles.ok()) return profiles.status();
   command.profiles = *std::move(profiles);
-  if (name == kAnswerFiles) {
+  if (name == kWatchProfiles) {
+    command.profiles = AllIfAny(command.profiles);
+    command.task = WatchProfiles();
+  } else if (name == kAnswerFiles) {
     absl::StatusOr<AnswerFiles> task = ParseAnswerFiles(line);
     if (!task.ok()) return task.status();
     command.task = *std::move(task);

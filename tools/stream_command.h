@@ -12,9 +12,12 @@
 
 namespace varnic::tools {
 
-// The commands that run until they are stopped: each holds one stream of rpc.Profile open.
+// The commands that run until they are stopped: each holds one stream of rpc.Profile or
+// rpc.BrowserHost open.
 
 struct WatchNetwork {};
+
+struct WatchProfiles {};
 
 struct AnswerFiles {
   FileRules rules;
@@ -26,9 +29,10 @@ struct AnswerAuth {
 };
 
 struct StreamCommand {
-  // Not empty; the empty id is the default profile's.
+  // Not empty; the empty id is the default profile's. For WatchProfiles, it means all of them, and
+  // comes alone.
   std::vector<std::string> profiles;
-  std::variant<WatchNetwork, AnswerFiles, AnswerAuth> task;
+  std::variant<WatchNetwork, WatchProfiles, AnswerFiles, AnswerAuth> task;
 };
 
 bool IsStreamCommand(const std::string& name);

@@ -40,6 +40,15 @@ TEST(StreamCommandTest, ProfilesAreTheDefaultOneUnlessNamed) {
               ElementsAre("P", "Q"));
 }
 
+TEST(StreamCommandTest, ProfilesAreAllWatchedUnlessSomeAreNamed) {
+  const StreamCommand all = StreamOf({"watch-profiles"});
+
+  EXPECT_TRUE(std::holds_alternative<WatchProfiles>(all.task));
+  EXPECT_THAT(all.profiles, ElementsAre(""));
+  EXPECT_THAT(StreamOf({"watch-profiles", "P", "Q"}).profiles, ElementsAre("P", "Q"));
+  EXPECT_THAT(StreamOf({"watch-profiles", "P", ""}).profiles, ElementsAre(""));
+}
+
 TEST(StreamCommandTest, FilesAreAnsweredByTheGivenRules) {
   const StreamCommand stream =
       StreamOf({"answer-files", "--allow", "/a/*", "--deny", "/a/b", "--allow", "/c", "--ask"});

@@ -1,4 +1,4 @@
-// varnic-host: serves the profiles of one user-data directory until it is told to stop.
+// varnic-host: serves profiles, and the browsers in them, until it is told to stop.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,9 +15,10 @@
 #include "absl/strings/str_cat.h"
 #include "absl/strings/str_join.h"
 #include "base/logging.h"
+#include "core/host/browser_host_service.h"
 #include "core/host/network_watcher.h"
 #include "core/host/profile_host.h"
-#include "core/host/user_data_dir.h"
+#include "core/host/profiles.h"
 #include "core/net/address.h"
 #include "core/net/event_loop.h"
 #include "core/net/log_field.h"
@@ -29,6 +30,7 @@
 #include "tools/default_paths.h"
 #include "tools/host_options.h"
 #include "tools/log_output.h"
+#include "tools/served_profiles.h"
 #include "tools/service_manager.h"
 #include "tools/version.h"
 
@@ -61,15 +63,15 @@ std::string Text(const absl::Status& status) {
   return std::string(status.message());
 }
 
-absl::StatusOr<host::UserDataDir> OpenUserData(const HostOptions& options) {
-  return options.default_user_data_dir ? host::UserDataDir::Create(options.user_data_dir)
-                                       : host::UserDataDir::Open(options.user_data_dir);
+// The folder whose profiles are served.
+const std::string& ServedFolder(const HostOptions& options) {
+  return options.user_data_dir.empty() ? options.profiles_dir : options.user_data_dir;
 }
 
 // Tells a person what is served where, and what to try first. `metrics` is null if there are none.
 void Announce(const HostOptions& options, const std::vector<std::string>& addresses,
               const MetricsEndpoint* metrics) {
-  std::printf("Serving the profiles in %s\n", options.user_data_dir.c_str());
+  std::printf("Serving the profiles in %s\n", ServedFolder(options).c_str());
   for (const std::string& address : addresses) std::printf("Listening on %s\n", address.c_str());
   if (metrics != nullptr) std::printf("Metrics on %s\n", metrics->address().c_str());
   const std::string target =
@@ -147,11 +149,13 @@ void LogAddresses(const HostOptions& options, const std::vector<std::string>& ad
   }
 }
 
-// A first signal ends what goes on in good order, a second one ends it at once.
-void OnStopSignal(RpcServer& server, int signal) {
+// A first signal ends what goes on in good order, the browsers after the calls that may need them;
+// a second one ends it at once. `profiles` is null before there are any.
+void OnStopSignal(RpcServer& server, host::Profiles* profiles, int signal) {
   Log(logging::LOGGING_INFO, absl::StrCat("Stopping signal=SIG", sigabbrev_np(signal)));
   NotifyStopping(absl::StrCat("Ending ", server.open_connections(), " connections"));
-  server.Drain(kPatience);
+  if (profiles == nullptr) return server.Drain(kPatience);
+  server.Drain(kPatience, [&server, profiles] { profiles->Close([&server] { server.Stop(); }); });
 }
 
 // Null without --metrics.
@@ -184,10 +188,6 @@ void WatchNetwork(host::NetworkWatcher& network) {
 
 int Serve(const HostOptions& options, const std::vector<InheritedSocket>& inherited) {
   if (const absl::Status status = CheckTls(options); !status.ok()) return Fail(Text(status));
-  absl::StatusOr<host::UserDataDir> directory = OpenUserData(options);
-  if (!directory.ok()) {
-    return Fail(absl::StrCat("--user-data-dir: ", Text(directory.status())));
-  }
   if (options.default_listen) {
     const absl::Status status = MakePrivateFolder(DefaultRuntimeFolder(std::getenv));
     if (!status.ok()) return Fail(absl::StrCat("the socket's folder ", Text(status)));
@@ -197,16 +197,20 @@ int Serve(const HostOptions& options, const std::vector<InheritedSocket>& inheri
   ServerOptions server_options;
   server_options.serve_reflection = options.reflection;
   RpcServer server(server_options);
+  host::Profiles* profiles = nullptr;
   // From now on a signal waits for the loop, so that whatever is made below is taken down again.
-  const net::StopSignals signals(server.loop(),
-                                 [&server](int signal) { OnStopSignal(server, signal); });
-  host::ProfileHost profiles(
-      *std::move(directory), options.profiles,
-      [&server](std::function<void()> task) { server.Post(std::move(task)); });
-  server.AddService(profiles);
+  const net::StopSignals signals(
+      server.loop(), [&server, &profiles](int signal) { OnStopSignal(server, profiles, signal); });
+  const auto served = ServedProfiles::Open(server, options);
+  if (!served.ok()) return Fail(Text(served.status()));
+  profiles = &(*served)->profiles();
+  host::ProfileHost profile_host(*profiles);
+  server.AddService(profile_host);
+  host::BrowserHostService browser_host(*profiles, server.scheduler());
+  server.AddService(browser_host);
   host::NetworkWatcher network(
       server.loop(), server.scheduler(),
-      [&profiles](const rpc::NetworkChanged& state) { profiles.OnNetworkState(state); });
+      [&profile_host](const rpc::NetworkChanged& state) { profile_host.OnNetworkState(state); });
   WatchNetwork(network);
   if (!options.policy.empty()) {
     const absl::Status status = server.UsePolicy(options.policy);
@@ -257,7 +261,8 @@ int Main(const std::vector<std::string>& arguments) {
   umask(077);
   Log(logging::LOGGING_INFO,
       absl::StrCat("Starting", net::LogField("version", kVersion), " pid=", getpid(),
-                   net::LogField("user_data_dir", options->user_data_dir)));
+                   net::LogField(options->user_data_dir.empty() ? "profiles_dir" : "user_data_dir",
+                                 ServedFolder(*options))));
   return Serve(*options, *inherited);
 }
 

@@ -12,6 +12,7 @@
 #include "core/client/client.h"
 #include "core/net/event_loop.h"
 #include "core/net/tls_context.h"
+#include "tools/answer_text.h"
 #include "tools/ctl_command.h"
 #include "tools/ctl_help.h"
 #include "tools/default_paths.h"
@@ -43,7 +44,8 @@ absl::Status Call(const CtlCommand& command, google::protobuf::Message& answer) 
   ClientOptions options;
   options.tls = command.tls;
   Client client(loop, command.target, options);
-  return client.CallAndWait(*command.method, *command.request, answer, command.timeout);
+  return client.CallAndWait(*command.call->method, *command.call->request, answer,
+                            command.call->timeout);
 }
 
 // What is wrong with the files for TLS, with the options that named them; empty if nothing is.
@@ -62,7 +64,7 @@ int Execute(const CtlCommand& command) {
   if (command.stream.has_value()) return RunStreamCommand(command);
   const std::unique_ptr<google::protobuf::Message> answer(
       google::protobuf::MessageFactory::generated_factory()
-          ->GetPrototype(command.method->output_type())
+          ->GetPrototype(command.call->method->output_type())
           ->New());
   const absl::Status status = Call(command, *answer);
   if (!status.ok()) {
@@ -70,7 +72,7 @@ int Execute(const CtlCommand& command) {
                             : FormatFailureForPeople(command, status));
     return kCtlCallFailed + static_cast<int>(status.code());
   }
-  return Print(command.json ? FormatAnswerAsJson(*answer) : FormatAnswerForPeople(*answer));
+  return Print(command.json ? FormatAnswerAsJson(*answer) : command.call->format(*answer));
 }
 
 int Main(const std::vector<std::string>& arguments) {

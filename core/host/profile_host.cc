@@ -1,12 +1,11 @@
 #include "core/host/profile_host.h"
 
 #include <cstdint>
-#include <functional>
+#include <string>
 #include <utility>
 
-#include "absl/strings/str_cat.h"
-#include "core/host/browser_version.h"
-#include "core/server/server_controller.h"
+#include "core/host/call_reply.h"
+#include "core/host/user_agent.h"
 
 namespace varnic::host {
 namespace {
@@ -25,15 +24,9 @@ auto ValueOf(Response* response) {
 
 }  // namespace
 
-ProfileHost::ProfileHost(UserDataDir directory, ProfileHostOptions options,
-                         TaskThread::PostFunction post)
-    : directory_(std::move(directory)),
-      browser_(std::move(options.browser)),
-      user_agent_(std::move(options.user_agent)),
-      tasks_(std::move(post)) {}
-
-ProfileHost::~ProfileHost() {
-  is_ending_ = true;
+void ProfileHost::OnNetworkState(const rpc::NetworkChanged& state) {
+  network_.Update(state);
+  profiles_.OnNetworkState(state);
 }
 
 AbstractStream* ProfileHost::OpenStream(const google::protobuf::MethodDescriptor* method,
@@ -44,114 +37,60 @@ AbstractStream* ProfileHost::OpenStream(const google::protobuf::MethodDescriptor
   return ProfileRpc::OpenStream(method, std::move(channel));
 }
 
-template <typename Value, typename Fill>
-void ProfileHost::Answer(RpcController* controller, Closure* done,
-                         std::function<absl::StatusOr<Value>()> work, Fill fill) {
-  tasks_.Run(
-      [this, work = std::move(work)]() -> absl::StatusOr<Value> {
-        if (is_ending_) return absl::UnavailableError("the host is shutting down");
-        return work();
-      },
-      [controller, done, fill](const absl::StatusOr<Value>& value) {
-        if (value.ok()) {
-          fill(*value);
-        } else {
-          ServerController::From(controller).SetStatus(value.status());
-        }
-        done->Run();
-      });
-}
-
 void ProfileHost::Path(RpcController* controller, const ProfileId* request, StringValue* response,
                        Closure* done) {
-  Answer<std::string>(
-      controller, done, [this, id = request->value()] { return directory_.Path(id); },
-      ValueOf(response));
+  profiles_.Path(request->value(), CallReply<std::string>(controller, done, ValueOf(response)));
 }
 
 void ProfileHost::Name(RpcController* controller, const ProfileId* request, StringValue* response,
                        Closure* done) {
-  Answer<std::string>(
-      controller, done, [this, id = request->value()] { return directory_.Name(id); },
-      ValueOf(response));
+  profiles_.Name(request->value(), CallReply<std::string>(controller, done, ValueOf(response)));
 }
 
 void ProfileHost::IsIncognito(RpcController* controller, const ProfileId* request,
                               BoolValue* response, Closure* done) {
-  Answer<std::string>(
-      controller, done, [this, id = request->value()] { return directory_.Resolve(id); },
-      [response](const std::string&) { response->set_value(false); });
+  profiles_.IsIncognito(request->value(), CallReply<bool>(controller, done, ValueOf(response)));
 }
 
 void ProfileHost::IsDefault(RpcController* controller, const ProfileId* request,
                             BoolValue* response, Closure* done) {
-  Answer<bool>(
-      controller, done, [this, id = request->value()] { return directory_.IsDefault(id); },
-      ValueOf(response));
+  profiles_.IsDefault(request->value(), CallReply<bool>(controller, done, ValueOf(response)));
 }
 
 void ProfileHost::CreateBrowser(RpcController* controller, const rpc::BrowserOptions* request,
                                 BrowserId* response, Closure* done) {
-  Answer<int64_t>(
-      controller, done,
-      [this, id = request->profile_id().value()]() -> absl::StatusOr<int64_t> {
-        const absl::Status status = directory_.Resolve(id).status();
-        if (!status.ok()) return status;
-        return absl::FailedPreconditionError(
-            "no browser is configured: this host serves the profiles' files alone; start a browser "
-            "on its user-data directory to open a window");
-      },
-      ValueOf(response));
+  profiles_.CreateBrowser(*request, CallReply<int64_t>(controller, done, ValueOf(response)));
 }
 
 void ProfileHost::SetAcceptLanguage(RpcController* controller,
                                     const rpc::SetAcceptLanguageRequest* request, Empty* /*none*/,
                                     Closure* done) {
-  Answer<bool>(
-      controller, done,
-      [this, id = request->profile_id().value(),
-       list = request->accept_language()]() -> absl::StatusOr<bool> {
-        const absl::Status status = directory_.SetAcceptLanguage(id, list);
-        if (!status.ok()) return status;
-        return true;
-      },
-      [](bool) {});
+  profiles_.SetAcceptLanguage(request->profile_id().value(), request->accept_language(),
+                              CallReply<Done>(controller, done, [](Done) {}));
 }
 
 void ProfileHost::GetAcceptLanguage(RpcController* controller, const ProfileId* request,
                                     StringValue* response, Closure* done) {
-  Answer<std::string>(
-      controller, done, [this, id = request->value()] { return directory_.GetAcceptLanguage(id); },
-      ValueOf(response));
+  profiles_.GetAcceptLanguage(request->value(),
+                              CallReply<std::string>(controller, done, ValueOf(response)));
 }
 
 void ProfileHost::GetUserAgent(RpcController* controller, const ProfileId* request,
                                StringValue* response, Closure* done) {
-  Answer<UserAgent>(
-      controller, done, [this, id = request->value()] { return UserAgentOfProfile(id); },
-      [response](const UserAgent& user_agent) { response->set_value(user_agent.text); });
+  profiles_.GetUserAgent(
+      request->value(),
+      CallReply<UserAgent>(controller, done, [response](const UserAgent& user_agent) {
+        response->set_value(user_agent.text);
+      }));
 }
 
 void ProfileHost::GetUserAgentMetadata(RpcController* controller, const ProfileId* request,
                                        rpc::UserAgentMetadata* response, Closure* done) {
-  Answer<UserAgent>(
-      controller, done, [this, id = request->value()] { return UserAgentOfProfile(id); },
-      [response](const UserAgent& user_agent) { *response = user_agent.metadata; });
-}
-
-absl::StatusOr<UserAgent> ProfileHost::UserAgentOfProfile(const std::string& id) {
-  const absl::Status status = directory_.Resolve(id).status();
-  if (!status.ok()) return status;
-  if (user_agent_.has_value()) return *user_agent_;
-  const absl::StatusOr<BrowserVersion> version = LookUpBrowserVersion(browser_);
-  if (!version.ok()) {
-    return absl::Status(
-        version.status().code(),
-        absl::StrCat("the user agent is not known: ", version.status().message(),
-                     "; name the browser with --browser, or the user agent with --user-agent"));
-  }
-  user_agent_ = UserAgentOf(*version);
-  return *user_agent_;
+  profiles_.GetUserAgent(
+      request->value(),
+      CallReply<UserAgent>(controller, done, [response](const UserAgent& user_agent) {
+        *response = user_agent.metadata;
+      }));
 }
 
 }  // namespace varnic::host

@@ -1,10 +1,8 @@
 #include "core/host/profile_host.h"
 
 #include <google/protobuf/stubs/callback.h>
-#include <sys/stat.h>
 
 #include <cstddef>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
@@ -12,8 +10,11 @@
 #include "absl/status/status.h"
 #include "core/common/rpc/stream/event_stream.h"
 #include "core/common/rpc/testing/recording_channel.h"
+#include "core/host/file_profiles.h"
 #include "core/host/testing/post_queue.h"
 #include "core/host/testing/temporary_folder.h"
+#include "core/host/user_agent.h"
+#include "core/host/user_data_dir.h"
 #include "core/server/server_controller.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -59,11 +60,14 @@ class ProfileHostTest : public ::testing::Test {
     folder_.Write("Other/Preferences", "{}");
   }
 
-  void MakeHost(ProfileHostOptions options = {}) {
+  void MakeHost() {
     absl::StatusOr<UserDataDir> directory = UserDataDir::Open(folder_.path());
     ASSERT_TRUE(directory.ok()) << directory.status();
-    host_ =
-        std::make_unique<ProfileHost>(*std::move(directory), std::move(options), queue_.AsPost());
+    FileProfilesOptions options;
+    options.user_agent = UserAgentFromText("Robot Chrome/99.1.2.3").value();
+    profiles_ =
+        std::make_unique<FileProfiles>(*std::move(directory), std::move(options), queue_.AsPost());
+    host_ = std::make_unique<ProfileHost>(*profiles_);
   }
 
   template <typename Request, typename Response>
@@ -102,17 +106,9 @@ class ProfileHostTest : public ::testing::Test {
     return call.controller.status();
   }
 
-  // A program that answers to --version and counts its runs in the file "runs".
-  std::string MakeBrowser() {
-    const std::string path = folder_.Write(
-        "browser",
-        "#!/bin/sh\necho run >> \"${0%/*}/runs\"\necho Chromium 156.0.8078.79 built on Debian\n");
-    EXPECT_EQ(::chmod(path.c_str(), 0755), 0);
-    return path;
-  }
-
   TemporaryFolder folder_;
   PostQueue queue_;
+  std::unique_ptr<FileProfiles> profiles_;
   std::unique_ptr<ProfileHost> host_;
 };
 
@@ -173,40 +169,7 @@ TEST_F(ProfileHostTest, CreateBrowserSaysThatNoneIsConfigured) {
   EXPECT_THAT(call.controller.ErrorText(), HasSubstr("no browser is configured"));
 }
 
-TEST_F(ProfileHostTest, AsksTheBrowserForItsVersionOnce) {
-  ProfileHostOptions options;
-  options.browser = MakeBrowser();
-  MakeHost(std::move(options));
-  Call<ProfileId, rpc::UserAgentMetadata> call;
-
-  const std::string text = TextOf("", &ProfileHost::GetUserAgent);
-  Finish(call, &ProfileHost::GetUserAgentMetadata);
-
-  EXPECT_THAT(text, HasSubstr(" Chrome/156.0.0.0 "));
-  EXPECT_EQ(call.response.full_version(), "156.0.8078.79");
-  EXPECT_EQ(folder_.Read("runs"), "run\n");
-}
-
-TEST_F(ProfileHostTest, SaysHowToNameAMissingBrowserAndAsksAgain) {
-  ProfileHostOptions options;
-  options.browser = folder_.Path("browser");
-  MakeHost(std::move(options));
-
-  const std::string before = TextOf("", &ProfileHost::GetUserAgent);
-  MakeBrowser();
-  const std::string after = TextOf("", &ProfileHost::GetUserAgent);
-
-  EXPECT_THAT(before, HasSubstr("FAILED_PRECONDITION"));
-  EXPECT_THAT(before, HasSubstr(folder_.Path("browser")));
-  EXPECT_THAT(before, HasSubstr("--user-agent"));
-  EXPECT_THAT(after, HasSubstr("Chrome/156"));
-}
-
-TEST_F(ProfileHostTest, GivenUserAgentNeedsNoBrowser) {
-  ProfileHostOptions options;
-  options.user_agent = UserAgentFromText("Robot Chrome/99.1.2.3").value();
-  options.browser = "/nonexistent/browser";
-  MakeHost(std::move(options));
+TEST_F(ProfileHostTest, TellsTheUserAgentAsTextAndAsClientHints) {
   Call<ProfileId, rpc::UserAgentMetadata> call;
 
   Finish(call, &ProfileHost::GetUserAgentMetadata);
@@ -215,13 +178,14 @@ TEST_F(ProfileHostTest, GivenUserAgentNeedsNoBrowser) {
   EXPECT_EQ(call.response.full_version(), "99.1.2.3");
 }
 
-TEST_F(ProfileHostTest, DestructionCompletesEveryCallOnce) {
+TEST_F(ProfileHostTest, CallsOutliveTheHostAndItsProfiles) {
   constexpr size_t kCalls = 50;
   MakeHost();
   TextCall calls[kCalls];
   for (TextCall& call : calls) call.Start(*host_, &ProfileHost::Name);
 
-  host_.reset();
+  host_ = nullptr;
+  profiles_ = nullptr;
 
   ASSERT_EQ(queue_.size(), kCalls);
   for (TextCall& call : calls) {
@@ -230,6 +194,18 @@ TEST_F(ProfileHostTest, DestructionCompletesEveryCallOnce) {
     const bool was_answered = !call.controller.Failed() && call.response.value() == "Ada";
     EXPECT_TRUE(was_answered || absl::IsUnavailable(call.controller.status()));
   }
+}
+
+TEST_F(ProfileHostTest, CallThatIsOpenWhenTheHostGoesIsAnswered) {
+  MakeHost();
+  TextCall call;
+  call.Start(*host_, &ProfileHost::Name);
+
+  host_ = nullptr;
+  queue_.RunNext();
+
+  EXPECT_EQ(call.completions, 1);
+  EXPECT_EQ(call.response.value(), "Ada");
 }
 
 TEST_F(ProfileHostTest, ServesCallsByTheirDescriptor) {

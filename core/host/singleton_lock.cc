@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
+#include <string>
 
 #include "absl/strings/escaping.h"
 #include "absl/strings/numbers.h"
@@ -20,8 +22,18 @@ std::string HostName() {
   return name;
 }
 
+// One that has ended and that nobody waits for, as in a container without an init.
+bool IsZombie(pid_t pid) {
+  std::ifstream file(absl::StrCat("/proc/", pid, "/stat"));
+  std::string text;
+  std::getline(file, text);
+  // The state stands behind the name, which may have anything in it.
+  const size_t end_of_name = text.rfind(')');
+  return end_of_name != std::string::npos && text.compare(end_of_name, 3, ") Z") == 0;
+}
+
 bool IsAlive(pid_t pid) {
-  return ::kill(pid, 0) == 0 || errno == EPERM;
+  return (::kill(pid, 0) == 0 || errno == EPERM) && !IsZombie(pid);
 }
 
 absl::Status Held(const std::string& lock, absl::string_view by) {

@@ -1,5 +1,6 @@
 #include "core/host/singleton_lock.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -48,6 +49,18 @@ TEST_F(SingletonLockTest, DeadProcessOfThisMachineDoesNot) {
   const absl::Status status = CheckWithLock(absl::StrCat(HostName(), "-", DeadProcess()));
 
   EXPECT_TRUE(status.ok()) << status;
+}
+
+TEST_F(SingletonLockTest, ZombieOfThisMachineDoesNot) {
+  const pid_t zombie = ::fork();
+  if (zombie == 0) ::_exit(0);
+  siginfo_t info;
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(zombie), &info, WEXITED | WNOWAIT), 0);
+
+  const absl::Status status = CheckWithLock(absl::StrCat(HostName(), "-", zombie));
+
+  EXPECT_TRUE(status.ok()) << status;
+  ::waitpid(zombie, nullptr, 0);
 }
 
 TEST_F(SingletonLockTest, ProcessOfAnotherMachineHolds) {

@@ -2,6 +2,7 @@
 #define CORE_HOST_USER_DATA_DIR_H_
 
 #include <string>
+#include <vector>
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
@@ -27,9 +28,6 @@ class UserDataDir {
  public:
   // FAILED_PRECONDITION: the directory is in use by another host, or it is none of Chromium's.
   static absl::StatusOr<UserDataDir> Open(const std::string& path);
-  // As Open(), but a directory that is missing or empty becomes one with a single profile,
-  // "Default".
-  static absl::StatusOr<UserDataDir> Create(const std::string& path);
 
   // Absolute, without symbolic links.
   const std::string& path() const { return path_; }
@@ -42,6 +40,8 @@ class UserDataDir {
   // What a person called the profile; the folder's name until then.
   absl::StatusOr<std::string> Name(absl::string_view id) const;
   absl::StatusOr<bool> IsDefault(absl::string_view id) const;
+  // The ids of all profiles, the default one first, if there is one, and the others sorted.
+  absl::StatusOr<std::vector<std::string>> List() const;
 
   absl::StatusOr<std::string> GetAcceptLanguage(absl::string_view id) const;
   // Sets the list for the browsers that start from now on. INVALID_ARGUMENT: see
@@ -55,9 +55,6 @@ class UserDataDir {
   // Opens and locks an existing folder, whatever is in it.
   static absl::StatusOr<UserDataDir> Lock(const std::string& path);
   absl::Status CheckIsChromiums() const;
-  // Whether there is nothing in it but, at the most, the folder of the default profile.
-  absl::StatusOr<bool> IsNew() const;
-  absl::Status MakeDefaultProfile() const;
 
   std::string path_;
   FileDescriptor lock_;  // The directory's own.

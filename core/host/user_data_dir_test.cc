@@ -1,6 +1,5 @@
 #include "core/host/user_data_dir.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -79,6 +78,15 @@ TEST_F(UserDataDirTest, ASecondHostIsRefusedUntilTheFirstIsGone) {
   EXPECT_TRUE(UserDataDir::Open(folder_.path()).ok());
 }
 
+TEST_F(UserDataDirTest, ListsTheDefaultProfileAndThenTheOthers) {
+  std::filesystem::create_directory_symlink(folder_.Path("Default"), folder_.Path("Link"));
+
+  const auto ids = Open().List();
+
+  ASSERT_TRUE(ids.ok()) << ids.status();
+  EXPECT_THAT(*ids, ElementsAre("Profile 1", "Default", "Profile 2", "Unlisted"));
+}
+
 TEST_F(UserDataDirTest, OpeningLeavesNothingBehind) {
   const auto before = folder_.Names();
 
@@ -96,53 +104,6 @@ TEST_F(UserDataDirTest, OpensOnlyDirectoriesOfChromium) {
   const absl::Status status = UserDataDir::Open(other.path()).status();
   EXPECT_TRUE(absl::IsFailedPrecondition(status)) << status;
   EXPECT_THAT(std::string(status.message()), HasSubstr("not a Chromium user-data directory"));
-}
-
-TEST_F(UserDataDirTest, CreateMakesADirectoryWithADefaultProfile) {
-  const TemporaryFolder parent;
-
-  const absl::StatusOr<UserDataDir> directory = UserDataDir::Create(parent.Path("new"));
-
-  ASSERT_TRUE(directory.ok()) << directory.status();
-  EXPECT_EQ(directory->Path("").value_or("none"), parent.Path("new/Default"));
-  EXPECT_EQ(directory->Name("").value_or("none"), "Default");
-  EXPECT_EQ(directory->GetAcceptLanguage("").value_or("none"), "en-US,en");
-  struct stat info = {};
-  ASSERT_EQ(::stat(parent.Path("new").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0700u);
-}
-
-TEST_F(UserDataDirTest, CreateOpensWhatIsThere) {
-  ASSERT_TRUE(UserDataDir::Create(folder_.path()).ok());
-
-  EXPECT_EQ(folder_.Read("Local State"), kLocalState);
-  EXPECT_EQ(folder_.Read("Default/Preferences"), kPreferences);
-}
-
-TEST_F(UserDataDirTest, CreateLeavesOtherDirectoriesAlone) {
-  const TemporaryFolder other;
-  other.Write("letter", "");
-
-  EXPECT_TRUE(absl::IsFailedPrecondition(UserDataDir::Create(other.path()).status()));
-  EXPECT_FALSE(UserDataDir::Create(other.Path("letter/new")).ok());
-  EXPECT_THAT(other.Names(), ElementsAre("letter"));
-}
-
-TEST_F(UserDataDirTest, CreateMakesTheDirectoriesAboveTheNewOne) {
-  const TemporaryFolder parent;
-
-  EXPECT_TRUE(UserDataDir::Create(parent.Path("a/b/new")).ok());
-  EXPECT_TRUE(UserDataDir::Open(parent.Path("a/b/new")).ok());
-}
-
-TEST_F(UserDataDirTest, CreateFinishesWhatAnEarlierOneBegan) {
-  const TemporaryFolder folder;
-  ASSERT_EQ(::mkdir(folder.Path("Default").c_str(), 0700), 0);
-
-  const absl::StatusOr<UserDataDir> directory = UserDataDir::Create(folder.path());
-
-  ASSERT_TRUE(directory.ok()) << directory.status();
-  EXPECT_EQ(directory->Path("").value_or("none"), folder.Path("Default"));
 }
 
 TEST_F(UserDataDirTest, PathIsAbsoluteAndFreeOfLinks) {

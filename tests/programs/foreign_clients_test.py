@@ -33,6 +33,7 @@ class Caller:
         return answer
 
 
+@programs.needs_chromium
 class ForeignClientsTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -178,6 +179,7 @@ class ForeignClientsTest(unittest.TestCase):
                 self.assertEqual(metadata.get(name, False), hints[name], name)
 
 
+@programs.needs_chromium
 class ForeignClientsOverTlsTest(unittest.TestCase):
     """The host asks for certificates, and each client has one."""
 

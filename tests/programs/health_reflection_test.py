@@ -29,6 +29,7 @@ SERVICES = [
     "grpc.health.v1.Health",
     "grpc.reflection.v1.ServerReflection",
     "grpc.reflection.v1alpha.ServerReflection",
+    "rpc.BrowserHost",
     "rpc.Profile",
 ]
 DEADLINE_SECONDS = 30
@@ -150,7 +151,7 @@ class HealthReflectionTest(programs.HostTestCase):
                 request_serializer=make(method.input_type).SerializeToString,
                 response_deserializer=make(method.output_type).FromString,
             )
-            answer = call(make(method.input_type)(value="Default"), timeout=DEADLINE_SECONDS)
+            answer = call(make(method.input_type)(value="default"), timeout=DEADLINE_SECONDS)
             self.assertTrue(answer.value.endswith("/Default"), answer.value)
 
     def test_errors_are_responses_and_carry_their_requests(self):

@@ -77,7 +77,8 @@ class HostAccessTest(programs.HostTestCase):
         self.authority.certify("other", "URI:spiffe://example.org/other")
         (self.folder / "policy.json").write_text(json.dumps({
             "roles": {"reader": {"san": ["URI:spiffe://example.org/reader"]}},
-            "methods": {"/rpc.Profile/Path": ["reader"]},
+            "methods": {"/rpc.Profile/Path": ["reader"],
+                        "/rpc.BrowserHost/ListProfiles": ["reader"]},
         }))
         host = self.start_tls_host("--policy", self.file("policy.json"))
 
@@ -85,6 +86,10 @@ class HostAccessTest(programs.HostTestCase):
         denied = self.ctl_as("reader", host, "name")
         self.assertEqual(denied.returncode, PERMISSION_DENIED)
         self.assertIn("/rpc.Profile/Name", denied.stderr)
+        self.assertEqual(self.ctl_as("reader", host, "profiles").returncode, 0)
+        denied = self.ctl_as("reader", host, "new-profile")
+        self.assertEqual(denied.returncode, PERMISSION_DENIED)
+        self.assertIn("/rpc.BrowserHost/CreateProfile", denied.stderr)
         self.assertEqual(self.ctl_as("other", host, "path").returncode, PERMISSION_DENIED)
         self.assertIn("Denied a call method=/rpc.Profile/Name peer=127.0.0.1:", host.stderr())
 

@@ -84,7 +84,7 @@ class HostLogTest(programs.HostTestCase):
         for line in lines:
             self.assertRegex(line, TEXT_LINE)
         messages = [line.split(" ", 3)[3] for line in lines]
-        for expected in (r"^Starting version=\S+ pid=\d+ user_data_dir=",
+        for expected in (r"^Starting version=\S+ pid=\d+ profiles_dir=",
                          f"^Listening address={re.escape(host.addresses[0])}$",
                          "^Stopping signal=SIGTERM$",
                          r"^Draining connections=\d+ streams=0 patience=10s$",

@@ -126,6 +126,12 @@ def ctl(*arguments, env=None):
     )
 
 
+# The text is what ctest knows a skipped test by.
+needs_chromium = unittest.skipUnless(
+    os.access(CHROMIUM, os.X_OK),
+    f"{CHROMIUM} is not installed: install Debian's package chromium")
+
+
 def dump_page(user_data_dir, html):
     """The text that a script in `html` leaves in the body, in a Chromium of that directory."""
 

@@ -37,7 +37,7 @@ class VarnicHostTest(programs.HostTestCase):
 
         result = programs.ctl("path", env=self.environment)
 
-        self.assertEqual(result.stdout, f"{self.folder}/data/varnic/user-data/Default\n")
+        self.assertEqual(result.stdout, f"{self.folder}/data/varnic/profiles/default/Default\n")
         result = programs.ctl("name", env=self.environment)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
 
@@ -153,7 +153,7 @@ class VarnicHostTest(programs.HostTestCase):
     def test_second_host_on_a_directory_is_refused(self):
         self.start_host()
         self.assert_refuses(
-            1, str(self.folder / "data" / "varnic" / "user-data"), ["--listen", "127.0.0.1:0"]
+            1, str(self.folder / "data" / "varnic" / "profiles"), ["--listen", "127.0.0.1:0"]
         )
 
     def test_socket_of_a_living_process_is_left_alone(self):
@@ -182,6 +182,15 @@ class VarnicHostTest(programs.HostTestCase):
         self.assert_refuses(2, "--listen", ["--listen"])
         self.assert_refuses(2, "surprise", ["surprise"])
         self.assert_refuses(2, "--user-agent", ["--user-agent", "two\nlines"])
+        self.assert_refuses(2, "--profiles-dir", ["--profiles-dir", "a", "--user-data-dir", "b"])
+        self.assert_refuses(2, "--no-sandbox", ["--no-sandbox", "--user-data-dir", "b"])
+        self.assert_refuses(2, "--file-default", ["--file-default", "perhaps"])
+        for time in ("0", "-1", "nan", "inf", "soon", "86401"):
+            self.assert_refuses(2, "--question-timeout", [f"--question-timeout={time}"])
+        for time in ("-1", "nan", "inf", "soon", "121"):
+            self.assert_refuses(2, "--restart-delay", [f"--restart-delay={time}"])
+        for number in ("0", "-1", "1.5", "101"):
+            self.assert_refuses(2, "--login-attempts", [f"--login-attempts={number}"])
 
     def test_bad_addresses_are_usage_errors_before_anything_is_made(self):
         for option in ("--listen", "--metrics"):
@@ -217,7 +226,8 @@ class VarnicHostTest(programs.HostTestCase):
         result = subprocess.run([programs.HOST, "--help"], capture_output=True, text=True,
                                 env=self.environment, timeout=programs.PATIENCE_SECONDS)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
-        for option in ("--listen", "--user-data-dir", "--user-agent", "--browser",
+        for option in ("--listen", "--profiles-dir", "--user-data-dir", "--no-sandbox",
+                       "--restart-delay", "--file-default", "--question-timeout", "--login-attempts", "--user-agent", "--browser",
                        "--allow-user", "--allow-group", "--tls-cert", "--tls-key",
                        "--tls-client-ca", "--tls-crl", "--policy",
                        "--log-format", "--log-level", "--no-reflection"):

@@ -26,7 +26,8 @@ absl::Status CheckLaunch(const BrowserLaunch& launch, unsigned user_id) {
   if (user_id == 0 && !launch.without_sandbox) {
     return absl::FailedPreconditionError(
         "the browser's sandbox does not work for root: run the host as an ordinary user, or, if "
-        "every page that is opened can be trusted, allow the browser to run without its sandbox");
+        "every page that is opened can be trusted, allow the browser to run without its sandbox "
+        "(varnic-host --no-sandbox)");
   }
   return absl::OkStatus();
 }

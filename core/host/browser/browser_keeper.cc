@@ -10,8 +10,10 @@
 namespace varnic::host {
 namespace {
 
-absl::StatusOr<std::shared_ptr<TemporaryDir>> PrepareFiles(const std::string& user_data_dir) {
-  const absl::Status status = ClearStaleSingletonFiles(user_data_dir);
+absl::StatusOr<std::shared_ptr<TemporaryDir>> PrepareFiles(
+    const std::string& user_data_dir, const std::function<absl::Status()>& prepare) {
+  absl::Status status = ClearStaleSingletonFiles(user_data_dir);
+  if (status.ok() && prepare != nullptr) status = prepare();
   if (!status.ok()) return status;
   return TemporaryDir::Make();
 }
@@ -33,6 +35,7 @@ BrowserKeeper::BrowserKeeper(net::EventLoop& loop, TaskThread& files, BrowserKee
 BrowserKeeper::~BrowserKeeper() {
   VARNIC_CHECK(loop_.IsLoopThread());
   is_closed_ = true;
+  is_up_ = false;  // Whose command ends now may ask.
   process_ = nullptr;
   RemoveTemporaryDir();
   AnswerAll(IsClosed());
@@ -57,12 +60,12 @@ void BrowserKeeper::Get(OnReady on_ready) {
 void BrowserKeeper::Prepare() {
   is_preparing_ = true;
   pacer_.OnStart();
-  files_.Run(
-      [directory = options_.process.launch.user_data_dir] { return PrepareFiles(directory); },
-      lifetime_.Guard([this](const Prepared& prepared) {
-        is_preparing_ = false;
-        Start(prepared);
-      }));
+  files_.Run([directory = options_.process.launch.user_data_dir,
+              prepare = options_.prepare] { return PrepareFiles(directory, prepare); },
+             lifetime_.Guard([this](const Prepared& prepared) {
+               is_preparing_ = false;
+               Start(prepared);
+             }));
 }
 
 void BrowserKeeper::Start(const Prepared& prepared) {
@@ -109,12 +112,18 @@ void BrowserKeeper::HandOut() {
 
 void BrowserKeeper::OnBrowserEnded(const absl::Status& why) {
   const bool was_up = std::exchange(is_up_, false);
+  const bool was_ended = std::exchange(is_ending_, false) && why.ok();
   // Goes when nobody can call into it any more.
   const std::unique_ptr<BrowserProcess> process = std::move(process_);
   const absl::Status reason = why;
   RemoveTemporaryDir();
-  if (!reason.ok()) NoteFailure(reason);
-  auto settle = lifetime_.Guard([&] { Settle(reason, was_up); });
+  if (reason.ok()) {
+    pacer_.OnEnd();
+  } else {
+    NoteFailure(reason);
+  }
+  // Who waits after it was up, or was ended, has asked for the next one.
+  auto settle = lifetime_.Guard([&] { Settle(reason, was_up || was_ended); });
   if (was_up) visitor_.OnBrowserGone(reason);
   settle();
 }
@@ -124,13 +133,12 @@ void BrowserKeeper::NoteFailure(const absl::Status& why) {
   last_failure_ = why;
 }
 
-void BrowserKeeper::Settle(const absl::Status& why, bool was_up) {
+void BrowserKeeper::Settle(const absl::Status& why, bool want_next) {
   if (is_preparing_) return;  // The visitor has asked for the next one.
-  // Who waits after it was up has asked while it was ending.
   const bool may_start = !is_closed_ && pacer_.UntilNext() == absl::ZeroDuration();
-  if (was_up && may_start && !waiting_.empty()) return Prepare();
+  if (want_next && may_start && !waiting_.empty()) return Prepare();
   auto finish = lifetime_.Guard([this] { MaybeFinishClose(); });
-  AnswerAll(why);
+  AnswerAll(why.ok() ? absl::UnavailableError("the browser has ended") : why);
   finish();
 }
 
@@ -147,6 +155,13 @@ void BrowserKeeper::RemoveTemporaryDir() {
         return true;
       },
       [](bool) {});
+}
+
+void BrowserKeeper::End() {
+  VARNIC_CHECK(loop_.IsLoopThread());
+  if (process_ == nullptr) return;
+  is_ending_ = true;
+  process_->Close();
 }
 
 void BrowserKeeper::Close(std::function<void()> on_closed) {

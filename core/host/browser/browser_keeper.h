@@ -21,6 +21,9 @@ struct BrowserKeeperOptions {
   // launch.temporary_dir is not used: each browser gets a new one, which is removed after it.
   BrowserProcessOptions process;
   StartPacing pacing;
+  // Runs on the files thread before each start, once it is known that no other browser has the
+  // directory. An error is the start's. May be null.
+  std::function<absl::Status()> prepare;
 };
 
 // The browser of one user-data directory: started when somebody needs it, and again after it has
@@ -55,11 +58,22 @@ class BrowserKeeper : private BrowserProcess::Visitor {
   // While a start has to wait, it is the last failure, with a text that says how long.
   void Get(OnReady on_ready);
 
+  // How browsers are started from now on; no change for one that has been started. A browser may
+  // have been only prepared yet.
+  void SetHeadless(bool headless) { options_.process.launch.headless = headless; }
+
+  // Ends the browser in order, if there is one. Who waits for it, or asks from now on, gets the
+  // next one.
+  void End();
+
   // Ends the browser in order, if there is one, and starts no other. `on_closed` runs once, maybe
   // at once. Once only.
   void Close(std::function<void()> on_closed);
 
-  bool is_up() const { return is_up_ && process_->devtools().is_open(); }
+  bool is_up() const { return is_up_ && !is_ending_ && process_->devtools().is_open(); }
+  // Whether a browser is prepared, starts, runs or ends.
+  bool is_busy() const { return is_preparing_ || process_ != nullptr; }
+  const BrowserLaunch& launch() const { return options_.process.launch; }
 
  private:
   using Prepared = absl::StatusOr<std::shared_ptr<TemporaryDir>>;
@@ -73,20 +87,21 @@ class BrowserKeeper : private BrowserProcess::Visitor {
   void OnStartFailed(const absl::Status& why);
   void HandOut();
   void NoteFailure(const absl::Status& why);
-  void Settle(const absl::Status& why, bool was_up);
+  void Settle(const absl::Status& why, bool want_next);
   void AnswerAll(const absl::Status& why);
   void RemoveTemporaryDir();
   void MaybeFinishClose();
 
   net::EventLoop& loop_;
   TaskThread& files_;
-  const BrowserKeeperOptions options_;
+  BrowserKeeperOptions options_;
   Visitor& visitor_;
   std::deque<OnReady> waiting_;
   std::function<void()> on_closed_;
   bool is_closed_ = false;
   bool is_preparing_ = false;
   bool is_up_ = false;  // As far as the visitor knows.
+  bool is_ending_ = false;
   absl::Status last_failure_;
   StartPacer pacer_;
   std::shared_ptr<TemporaryDir> temporary_dir_;

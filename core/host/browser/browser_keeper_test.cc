@@ -264,5 +264,62 @@ TEST_F(BrowserKeeperTest, VisitorMayAskForTheNextBrowserAtOnce) {
   on_gone_ = nullptr;
 }
 
+TEST_F(BrowserKeeperTest, EndedBrowserMakesRoomForOneOfTheOtherMode) {
+  MakeKeeper();
+  ASSERT_TRUE(Get().ok());
+
+  keeper_->SetHeadless(!keeper_->launch().headless);
+  keeper_->End();
+  EXPECT_FALSE(keeper_->is_up());
+  EXPECT_TRUE(keeper_->is_busy());
+  const auto next = Get();
+
+  EXPECT_TRUE(next.ok()) << next.status();
+  EXPECT_THAT(log_, ElementsAre("up Chrome/156.0.8078.79", "gone OK", "up Chrome/156.0.8078.79"));
+}
+
+TEST_F(BrowserKeeperTest, WhoWaitsForABrowserThatIsEndedGetsTheNext) {
+  MakeKeeper();
+  absl::StatusOr<DevToolsPipe*> first = absl::UnknownError("none yet");
+  keeper_->Get([&first](absl::StatusOr<DevToolsPipe*> got) { first = got; });
+  files_->Run([] { return 0; }, [this](int) { keeper_->End(); });  // Behind the preparation.
+
+  const auto second = Get();
+
+  EXPECT_TRUE(first.ok()) << first.status();
+  EXPECT_TRUE(second.ok()) << second.status();
+  EXPECT_THAT(log_, ElementsAre("up Chrome/156.0.8078.79"));
+}
+
+TEST_F(BrowserKeeperTest, PreparationRunsBeforeEachStartAndMayFailIt) {
+  options_.pacing.first_delay = absl::ZeroDuration();
+  std::vector<absl::Status> results = {absl::OkStatus(), absl::DataLossError("no file")};
+  options_.prepare = [&results] {
+    const absl::Status result = results.back();
+    results.pop_back();
+    return result;
+  };
+  MakeKeeper();
+
+  EXPECT_EQ(Get().status(), absl::DataLossError("no file"));
+  EXPECT_TRUE(Get().ok());
+
+  EXPECT_THAT(results, IsEmpty());
+}
+
+TEST_F(BrowserKeeperTest, IsNotUpForWhomItsDestructionEnds) {
+  MakeKeeper();
+  const auto devtools = Get();
+  ASSERT_TRUE(devtools.ok()) << devtools.status();
+  bool was_up = true;
+  BrowserKeeper* const keeper = keeper_.get();
+  (*devtools)->Call({"Test.variable", {{"name", "HOME"}}},
+                    [&](const absl::StatusOr<Json>&) { was_up = keeper->is_up(); });
+
+  keeper_.reset();
+
+  EXPECT_FALSE(was_up);
+}
+
 }  // namespace
 }  // namespace varnic::host

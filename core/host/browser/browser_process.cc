@@ -12,6 +12,7 @@
 #include "absl/strings/string_view.h"
 #include "base/logging.h"
 #include "core/common/rpc/fatal.h"
+#include "core/host/browser/json_field.h"
 #include "core/host/browser/pipe_stream.h"
 #include "core/host/browser/spawned_browser.h"
 #include "core/net/log_field.h"
@@ -32,11 +33,6 @@ absl::Status CannotStart(const absl::Status& why) {
     return absl::UnavailableError(why.message());
   }
   return absl::FailedPreconditionError(absl::StrCat(why.message(), advice));
-}
-
-std::string TextAt(const nlohmann::json& object, const char* key) {
-  const auto it = object.find(key);
-  return it != object.end() && it->is_string() ? it->get_ref<const std::string&>() : "";
 }
 
 // 156 of "Chrome/156.0.8078.79"; 0 of anything else.
@@ -126,7 +122,24 @@ void BrowserProcess::OnVersion(const absl::StatusOr<nlohmann::json>& answer) {
         << net::LogField("pid", std::to_string(pid_))
         << net::LogField("directory", options_.launch.user_data_dir);
   }
+  AwaitPing();
   visitor_.OnBrowserUp(browser);
+}
+
+void BrowserProcess::AwaitPing() {
+  timer_.Start(options_.ping_period, [this] { Ping(); });
+}
+
+// One that has stopped, or hangs, would keep its profile for ever.
+void BrowserProcess::Ping() {
+  devtools_->Call({"Browser.getVersion", nlohmann::json::object(), "", options_.ping_time},
+                  lifetime_.Guard([this](const absl::StatusOr<nlohmann::json>& answer) {
+                    if (step_ != Step::kUp) return;
+                    if (!absl::IsDeadlineExceeded(answer.status())) return AwaitPing();
+                    Fail(absl::UnavailableError(
+                        absl::StrCat("the browser \"", program_, "\" did not answer for ",
+                                     absl::FormatDuration(options_.ping_time))));
+                  }));
 }
 
 absl::Status BrowserProcess::CheckVersion(const std::string& product) const {

@@ -28,6 +28,10 @@ struct BrowserProcessOptions {
   int oldest_major_version = 132;
   // How long it may take to come up.
   absl::Duration start_time = absl::Seconds(30);
+  // While it is up, it is asked for a sign of life: this long after the last one, and it is ended if
+  // none comes in time.
+  absl::Duration ping_period = absl::Seconds(10);
+  absl::Duration ping_time = absl::Seconds(30);
   // How long it may take to end when it is asked to, and then after SIGTERM, before SIGKILL.
   absl::Duration close_time = absl::Seconds(5);
   absl::Duration terminate_time = absl::Seconds(5);
@@ -87,6 +91,8 @@ class BrowserProcess {
   absl::Status Spawn();
   void OnVersion(const absl::StatusOr<nlohmann::json>& answer);
   absl::Status CheckVersion(const std::string& product) const;
+  void AwaitPing();
+  void Ping();
   void OnPipeClosed();
   void ExpectEnd();
   // Ends a browser that cannot be used.

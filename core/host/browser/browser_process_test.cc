@@ -156,6 +156,30 @@ TEST_F(BrowserProcessTest, BrowserThatDoesNotAnswerIsGivenUp) {
   EXPECT_FALSE(up_.has_value());
 }
 
+TEST_F(BrowserProcessTest, BrowserThatStopsAnsweringIsEnded) {
+  BrowserProcessOptions options = FakeOptions();
+  options.ping_period = absl::Milliseconds(1);
+  options.ping_time = absl::Milliseconds(100);
+  options.terminate_time = absl::Milliseconds(1);
+  StartUp(options);
+
+  ::kill(process_->pid(), SIGSTOP);
+
+  const absl::Status why = WaitForEnd();
+  EXPECT_TRUE(absl::IsUnavailable(why)) << why;
+  EXPECT_THAT(std::string(why.message()), HasSubstr("did not answer for 100ms"));
+}
+
+TEST_F(BrowserProcessTest, BrowserThatAnswersPingsStays) {
+  BrowserProcessOptions options = FakeOptions();
+  options.ping_period = absl::ZeroDuration();
+  StartUp(options);
+
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(Call("Browser.getVersion").ok());
+
+  EXPECT_THAT(ended_, IsEmpty());
+}
+
 TEST_F(BrowserProcessTest, CanBeClosedBeforeItIsUp) {
   ASSERT_TRUE(Start(FakeOptions({"--mute"})).ok());
 

@@ -10,6 +10,7 @@
 #include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
+#include "core/host/browser/json_field.h"
 
 namespace varnic::host {
 namespace {
@@ -23,11 +24,6 @@ constexpr size_t kMaxQuotedBytes = 300;
 std::string Quoted(const std::string& text) {
   const bool is_cut = text.size() > kMaxQuotedBytes;
   return absl::StrCat(absl::Utf8SafeCHexEscape(text.substr(0, kMaxQuotedBytes)), is_cut ? "…" : "");
-}
-
-std::string TextAt(const Json& object, const char* key) {
-  const auto it = object.find(key);
-  return it != object.end() && it->is_string() ? it->get_ref<const std::string&>() : "";
 }
 
 std::optional<int64_t> NumberAt(const Json& object, const char* key) {

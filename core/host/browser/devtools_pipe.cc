@@ -5,6 +5,8 @@
 #include "absl/strings/str_cat.h"
 #include "base/logging.h"
 #include "core/common/rpc/fatal.h"
+#include "core/host/browser/cut_message.h"
+#include "core/host/browser/json_field.h"
 #include "core/net/log_field.h"
 
 namespace varnic::host {
@@ -112,16 +114,14 @@ void DevToolsPipe::Listen(const std::string& session_id, const std::string& meth
 }
 
 void DevToolsPipe::OnBytes(std::string_view bytes) {
-  const absl::Status status =
-      reader_.Read(bytes, [this](std::string_view message) { return Handle(message); });
-  // An error comes only of a reader that is still there.
-  if (!status.ok()) Close(status);
+  reader_.Read(bytes, [this](const NulMessage& message) { return Handle(message); });
 }
 
-bool DevToolsPipe::Handle(std::string_view text) {
+bool DevToolsPipe::Handle(const NulMessage& bytes) {
   bool goes_on = false;
   auto check = lifetime_.Guard([this, &goes_on] { goes_on = is_open(); });
-  absl::StatusOr<DevToolsMessage> message = ParseDevToolsMessage(text);
+  absl::StatusOr<DevToolsMessage> message =
+      bytes.ending.empty() ? ParseDevToolsMessage(bytes.text) : ReadCutMessage(bytes);
   if (message.ok()) {
     std::visit([this](auto& kind) { HandleMessage(std::move(kind)); }, *message);
   } else {
@@ -140,12 +140,7 @@ void DevToolsPipe::HandleMessage(DevToolsEvent message) {
   // A copy, for it may replace itself.
   auto listener = lifetime_.Guard(it == listeners_.end() ? Listener() : it->second);
   const bool is_heard = it != listeners_.end();
-  if (message.method == "Target.detachedFromTarget") {
-    const auto session = message.params.find("sessionId");
-    if (session != message.params.end() && session->is_string()) {
-      EndSession(session->get<std::string>());
-    }
-  }
+  NoteSession(message);
   if (is_heard) listener(message.params);
 }
 
@@ -177,16 +172,38 @@ void DevToolsPipe::EndCommands(std::map<int, OpenCommand>& commands, const absl:
   for (auto& [id, command] : commands) command.answer(About(command.method, Ended(why)));
 }
 
-void DevToolsPipe::EndSession(const std::string& session_id) {
+void DevToolsPipe::NoteSession(const DevToolsEvent& event) {
+  const std::string session_id = TextAt(event.params, "sessionId");
   if (session_id.empty()) return;  // The browser itself ends with its pipe.
+  if (event.method == "Target.attachedToTarget") parents_[session_id] = event.session_id;
+  if (event.method == "Target.detachedFromTarget") EndSession(session_id);
+}
+
+// A browser does not always tell of the sessions that end with another one.
+std::set<std::string> DevToolsPipe::TakeSessions(const std::string& session_id) {
+  std::set<std::string> taken = {session_id};
+  std::vector<std::string> unseen = {session_id};
+  while (!unseen.empty()) {
+    const std::string parent = std::move(unseen.back());
+    unseen.pop_back();
+    parents_.erase(parent);
+    for (const auto& [child, its_parent] : parents_) {
+      if (its_parent == parent && taken.insert(child).second) unseen.push_back(child);
+    }
+  }
+  return taken;
+}
+
+void DevToolsPipe::EndSession(const std::string& session_id) {
+  const std::set<std::string> sessions = TakeSessions(session_id);
   std::map<int, OpenCommand> ended;
   for (auto it = commands_.begin(); it != commands_.end();) {
     const auto next = std::next(it);
-    if (it->second.session_id == session_id) ended.insert(commands_.extract(it));
+    if (sessions.count(it->second.session_id) != 0) ended.insert(commands_.extract(it));
     it = next;
   }
   for (auto it = listeners_.begin(); it != listeners_.end();) {
-    it = it->first.first == session_id ? listeners_.erase(it) : std::next(it);
+    it = sessions.count(it->first.first) != 0 ? listeners_.erase(it) : std::next(it);
   }
   EndCommands(ended, absl::UnavailableError("the session has ended"));
 }
@@ -197,6 +214,7 @@ void DevToolsPipe::Close(const absl::Status& why) {
   waiting_.clear();
   waiting_bytes_ = 0;
   listeners_.clear();
+  parents_.clear();
   auto on_end = lifetime_.Guard(on_end_);
   // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): a callback may destroy its owner.
   const absl::Status status = why;

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,8 +36,8 @@ struct DevToolsLimits {
   size_t command_bytes = 32 << 20;
   // Commands that the browser has not read yet.
   size_t waiting_bytes = 64 << 20;
-  // One message of the browser; a longer one ends the pipe. Once parsed, it takes many times as
-  // much.
+  // One message of the browser; of a longer one, only what ReadCutMessage() knows is heard. Once
+  // parsed, it takes many times as much.
   size_t message_bytes = 32 << 20;
 };
 
@@ -63,15 +64,14 @@ class DevToolsPipe : private net::ByteStream::Visitor {
   // has the code that DevToolsAnswer lists; otherwise:
   //   UNAVAILABLE         the pipe or the command's session has ended, or the pipe is destroyed
   //   DEADLINE_EXCEEDED   no answer in time; the browser may have done it all the same
-  //   RESOURCE_EXHAUSTED  a limit: the command was not sent
+  //   RESOURCE_EXHAUSTED  a limit: the command was not sent, or its answer is too long
   // The text names the method.
   using Answer = std::function<void(absl::StatusOr<nlohmann::json>)>;
   using Listener = std::function<void(const nlohmann::json& params)>;
   using OnEnd = std::function<void(const absl::Status& why)>;
 
   // `on_end` runs once when the pipe ends, after the answers of all open commands, but not when
-  // it is destroyed: UNAVAILABLE if the browser ended it, RESOURCE_EXHAUSTED if it sent too long a
-  // message, or what Close() was given.
+  // it is destroyed: UNAVAILABLE if the browser ended it, or what Close() was given.
   DevToolsPipe(net::EventLoop& loop, std::unique_ptr<net::ByteStream> stream, OnEnd on_end,
                const DevToolsLimits& limits = {});
   DevToolsPipe(const DevToolsPipe&) = delete;
@@ -82,7 +82,7 @@ class DevToolsPipe : private net::ByteStream::Visitor {
 
   // Has `listener` hear each event `method` of the session, where the empty one is the browser
   // itself, instead of who heard it before; nobody, if it is null. All listeners of a session are
-  // forgotten when Target.detachedFromTarget tells that it has ended.
+  // forgotten when Target.detachedFromTarget tells that it has ended, or the one in which it came.
   void Listen(const std::string& session_id, const std::string& method, Listener listener);
 
   // Ends the pipe, and the open commands with UNAVAILABLE. Nothing if it has ended.
@@ -114,20 +114,24 @@ class DevToolsPipe : private net::ByteStream::Visitor {
   void WriteWaiting();
 
   // Whether the pipe still is, and is open.
-  bool Handle(std::string_view text);
+  bool Handle(const NulMessage& bytes);
   void HandleMessage(DevToolsAnswer message);
   void HandleMessage(DevToolsEvent message);
   void HandleMessage(const DevToolsComplaint& message);
   void OnBadMessage(const absl::Status& why);
   void EndCommand(int id, absl::StatusOr<nlohmann::json> result);
   void EndCommands(std::map<int, OpenCommand>& commands, const absl::Status& why);
+  void NoteSession(const DevToolsEvent& event);
   void EndSession(const std::string& session_id);
+  // The session and those that came in it.
+  std::set<std::string> TakeSessions(const std::string& session_id);
 
   net::EventLoop& loop_;
   const OnEnd on_end_;
   const DevToolsLimits limits_;
   std::map<int, OpenCommand> commands_;
   std::map<std::pair<std::string, std::string>, Listener> listeners_;  // By session and method.
+  std::map<std::string, std::string> parents_;  // Of each session, the one in which it came.
   int last_id_ = 0;
   std::deque<std::string> waiting_;
   size_t written_of_first_ = 0;

@@ -167,6 +167,18 @@ TEST_F(DevToolsPipeTest, EndOfASessionEndsItsCommandsAndListeners) {
   EXPECT_EQ(pipe_->open_commands(), 1u);
 }
 
+TEST_F(DevToolsPipeTest, SessionsEndWithTheOneInWhichTheyCame) {
+  Send(R"({"method":"Target.attachedToTarget","sessionId":"S","params":{"sessionId":"T"}})");
+  Send(R"({"method":"Target.attachedToTarget","sessionId":"T","params":{"sessionId":"U"}})");
+  Call("A.a", "U");
+  Call("B.b", "V");
+
+  Send(R"({"method":"Target.detachedFromTarget","params":{"sessionId":"S"}})");
+
+  EXPECT_THAT(log_, ElementsAre("A.a UNAVAILABLE"));
+  EXPECT_EQ(pipe_->open_commands(), 1u);
+}
+
 TEST_F(DevToolsPipeTest, EndOfAnUnnamedSessionEndsNothing) {
   Call("A.a");
   pipe_->Listen("", "A.happened", HearAs("root"));
@@ -249,17 +261,42 @@ TEST_F(DevToolsPipeTest, GarbageIsLeftOut) {
   EXPECT_EQ(pipe_->bad_messages(), 4u);
 }
 
-TEST_F(DevToolsPipeTest, TooLongAMessageEndsThePipe) {
+TEST_F(DevToolsPipeTest, TooLongAnAnswerIsAnError) {
   DevToolsLimits limits;
   limits.message_bytes = 100;
   Open(limits);
   Call("A.a");
 
-  peer_->Send(std::string(101, 'x'));
+  Send(R"({"id":1,"result":{"a":")" + std::string(101, 'x') + R"("}})");
 
-  EXPECT_THAT(log_, ElementsAre("A.a UNAVAILABLE", "closed RESOURCE_EXHAUSTED"));
-  EXPECT_THAT(last_text_, HasSubstr("more than 100 bytes"));
-  EXPECT_FALSE(peer_->open());
+  EXPECT_THAT(log_, ElementsAre("A.a RESOURCE_EXHAUSTED"));
+  EXPECT_TRUE(peer_->open());
+}
+
+TEST_F(DevToolsPipeTest, TooLongAnEventIsHeardAsFarAsItGoes) {
+  DevToolsLimits limits;
+  limits.message_bytes = 100;
+  Open(limits);
+  Json heard;
+  pipe_->Listen("S", "Page.frameNavigated", [&heard](const Json& params) { heard = params; });
+
+  Send(R"({"method":"Page.frameNavigated","params":{"frame":{"id":"F","name":")" +
+       std::string(101, 'x') + R"("}},"sessionId":"S"})");
+
+  EXPECT_EQ(heard, Json::parse(R"({"frame":{"id":"F"}})"));
+}
+
+TEST_F(DevToolsPipeTest, AnythingElseThatIsTooLongIsLeftOut) {
+  DevToolsLimits limits;
+  limits.message_bytes = 100;
+  Open(limits);
+  Call("A.a");
+
+  Send(std::string(101, 'x'));
+  Send(R"({"id":1,"result":{}})");
+
+  EXPECT_THAT(log_, ElementsAre("A.a {}"));
+  EXPECT_EQ(pipe_->bad_messages(), 1u);
 }
 
 TEST_F(DevToolsPipeTest, TooLongACommandIsNotSent) {

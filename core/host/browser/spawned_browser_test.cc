@@ -65,8 +65,8 @@ TEST(SpawnedBrowserTest, OutputAndErrorsAreRead) {
 
 TEST(SpawnedBrowserTest, ChildHasNoOtherDescriptors) {
   const FileDescriptor inheritable(::open("/dev/null", O_RDONLY));
-  // No pipeline: while it makes one, a shell has descriptors of its own. And not as the last command,
-  // which a shell may turn itself into.
+  // No pipeline: while it makes one, a shell has descriptors of its own. And not as the last
+  // command, which a shell may turn itself into.
   const auto browser = SpawnShell("ls /proc/$$/fd; true");
   ASSERT_TRUE(browser.ok()) << browser.status();
 

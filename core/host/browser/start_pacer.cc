@@ -39,6 +39,10 @@ void StartPacer::OnFailure() {
   if (waits_) delay_ = backoff_.Next();
 }
 
+void StartPacer::OnEnd() {
+  delay_ = absl::ZeroDuration();
+}
+
 absl::Duration StartPacer::UntilNext() const {
   return std::max(delay_ - Since(started_), absl::ZeroDuration());
 }

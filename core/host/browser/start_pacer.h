@@ -28,6 +28,8 @@ class StartPacer {
   void OnUp();
   // It failed to come up, or ended without being asked.
   void OnFailure();
+  // It was ended: the next may be started at once.
+  void OnEnd();
 
   // How long from now; zero if it may be started at once.
   absl::Duration UntilNext() const;

@@ -80,6 +80,16 @@ TEST_F(StartPacerTest, SteadyBrowserBeginsTheDelaysAnew) {
   EXPECT_EQ(DelayAfterLife(kZero), absl::Seconds(2));
 }
 
+TEST_F(StartPacerTest, NextAfterOneThatWasEndedIsAtOnce) {
+  DelayAfterLife(kZero);
+
+  pacer_.OnStart();
+  pacer_.OnUp();
+  pacer_.OnEnd();
+
+  EXPECT_EQ(pacer_.UntilNext(), kZero);
+}
+
 TEST_F(StartPacerTest, ManyFailuresDoNotOverflow) {
   for (int i = 0; i < 10'000; ++i) {
     pacer_.OnStart();

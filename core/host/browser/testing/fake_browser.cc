@@ -9,11 +9,16 @@
 //   --leave-child         leaves a process behind that does not end
 //   --version=V           says that it is V
 //   --exit=N --say=TEXT   writes TEXT to its standard error and exits with N at once
+//   --journal=FILE        writes the commands into it: method, session and url, if there are any
+//   --crash-at=METHOD     is killed by that command
+//   --silent-at=METHOD      does not answer that command
+//   --attach-late         see FakeTargets
+//   --settings-failures=N
 //
 // Commands: Browser.getVersion and Browser.close as ever. Test.crash, Test.closePipe; Test.files
 // tells which descriptors it has, Test.variable the value of an environment variable; Test.event
-// sends an event with the same parameters, and Test.flood many large ones. Everything else is
-// answered with its own parameters.
+// sends an event with the same parameters, and Test.flood many large ones. FakeTargets answers what
+// concerns windows. Everything else is answered with its own parameters.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -22,13 +27,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <utility>
 
+#include "core/host/browser/testing/fake_targets.h"
 #include "nlohmann/json.hpp"
 
 namespace {
 
 using Json = nlohmann::json;
+using varnic::host::testing::FakeTargets;
 
 constexpr int kCommandFd = 3;
 constexpr int kAnswerFd = 4;
@@ -42,6 +51,11 @@ struct Behaviour {
   bool leave_child = false;
   std::string version = "Chrome/156.0.8078.79";
   std::string say;
+  std::string journal;
+  std::string crash_at;
+  std::string silent_at;
+  bool attach_late = false;
+  int settings_failures = 0;
   int exit_code = -1;
 };
 
@@ -95,12 +109,34 @@ bool Do(const Behaviour& behaviour, const std::string& method, Json& params) {
   return true;
 }
 
-void Handle(const Behaviour& behaviour, const std::string& text) {
+void Note(const Behaviour& behaviour, const std::string& method, const std::string& session,
+          const Json& params) {
+  if (behaviour.journal.empty()) return;
+  std::ofstream journal(behaviour.journal, std::ios::app);
+  journal << method;
+  for (const std::string& word : {session, params.value("url", std::string())}) {
+    if (!word.empty()) journal << ' ' << word;
+  }
+  journal << '\n';
+}
+
+void Handle(const Behaviour& behaviour, FakeTargets& targets, const std::string& text) {
   const Json command = Json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!command.is_object()) return Send({{"error", {{"code", -32700}, {"message", "not JSON"}}}});
   const std::string method = command.value("method", "");
+  const std::string session = command.value("sessionId", "");
   Json params = command.value("params", Json::object());
-  if (Do(behaviour, method, params)) Send({{"id", command.value("id", 0)}, {"result", params}});
+  Note(behaviour, method, session, params);
+  if (method == behaviour.crash_at) ::raise(SIGKILL);
+  if (method == behaviour.silent_at) return;
+  if (Do(behaviour, method, params)) {
+    Json answer = targets.Answer(method, params, session);
+    if (answer.is_null()) answer = {{"result", params}};
+    answer["id"] = command.value("id", 0);
+    if (!session.empty()) answer["sessionId"] = session;
+    Send(answer);
+    targets.AfterAnswer();
+  }
   if (method == "Browser.close" && !behaviour.mute && !behaviour.ignore_everything) ::_exit(0);
   if (behaviour.never_read) StayForEver();
 }
@@ -118,7 +154,12 @@ Behaviour Read(int count, char** arguments) {
     behaviour.flood_output |= is("--flood-output");
     behaviour.leave_child |= is("--leave-child");
     if (is("--version=")) behaviour.version = value;
+    behaviour.attach_late |= is("--attach-late");
     if (is("--say=")) behaviour.say = value;
+    if (is("--journal=")) behaviour.journal = value;
+    if (is("--crash-at=")) behaviour.crash_at = value;
+    if (is("--silent-at=")) behaviour.silent_at = value;
+    if (is("--settings-failures=")) behaviour.settings_failures = std::atoi(value.c_str());
     if (is("--exit=")) behaviour.exit_code = std::atoi(value.c_str());
   }
   return behaviour;
@@ -141,13 +182,16 @@ int main(int count, char** arguments) {
     StayForEver();
   }
 
+  FakeTargets targets(Send);
+  targets.set_attaches_late(behaviour.attach_late);
+  targets.set_settings_failures(behaviour.settings_failures);
   std::string text;
   char byte = 0;
   while (::read(kCommandFd, &byte, 1) == 1) {
     if (byte != '\0') {
       text.push_back(byte);
     } else {
-      Handle(behaviour, std::exchange(text, {}));
+      Handle(behaviour, targets, std::exchange(text, {}));
     }
   }
   if (behaviour.ignore_everything || behaviour.ignore_pipe_end) StayForEver();
