@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "bench/side_by_side/grpc_connection.h"
 #include "bench/side_by_side/grpc_messages.h"
@@ -23,6 +25,7 @@ namespace {
 constexpr int kWarmUp = 100;
 constexpr int kTimes = 500;
 constexpr int kSubscribers = 100;
+constexpr int kQuestions = 100;
 
 // Not counted, inside of what is.
 bool IsReadable(const LoadSocket& socket) {
@@ -45,8 +48,10 @@ class Work : GrpcConnection::Visitor {
   void CountAll() {
     Count("unary_call", 1, [this] { CallOnce(); });
     Count("stream_opened_and_closed", 1, [this] { OpenAndClose(); });
-    StartQuestions();
-    Count("question_and_answer", 1, [this] { AnswerOnce(); });
+    StartQuestions(1);
+    Count("question_and_answer", 1, [this] { Answer(); });
+    StartQuestions(kQuestions);
+    Count("question_of_a_hundred", kQuestions, [this] { Answer(); });
     Subscribe();
     Count("delivered_event", kSubscribers, [this] { PublishOnce(); });
   }
@@ -91,19 +96,26 @@ class Work : GrpcConnection::Visitor {
     Finish(ended_);
   }
 
-  void StartQuestions() {
-    question_came_ = false;
+  // On a stream of its own, on which so many are open from now on.
+  void StartQuestions(int open) {
+    open_questions_ = open;
+    call_ids_.clear();
+    questions_came_ = false;
+    question_key_ = QuestionKey(open);
     questions_ = &connection_->Start(Method::kOnCanAccessFile, Framed(Subscription(question_key_)),
                                      /*half_close=*/false);
     connection_->Start(Method::kIsDefault, Framed(TextMessage(question_key_)),
                        /*half_close=*/true);
-    Finish(question_came_);
+    Finish(questions_came_);
   }
 
-  void AnswerOnce() {
-    question_came_ = false;
-    connection_->Send(*questions_, Framed(Answer(question_key_, call_id_)));
-    Finish(question_came_);
+  // Answers what is open, and waits for as many new questions.
+  void Answer() {
+    questions_came_ = false;
+    for (const std::uint64_t call_id : std::exchange(call_ids_, {})) {
+      connection_->Send(*questions_, Framed(bench::Answer(question_key_, call_id)));
+    }
+    Finish(questions_came_);
   }
 
   // The call behind the subscriptions is answered when the server knows all of them.
@@ -128,8 +140,8 @@ class Work : GrpcConnection::Visitor {
   void OnMessage(GrpcConnection& /*connection*/, GrpcCall& call,
                  std::string_view message) override {
     if (&call == questions_) {
-      call_id_ = CallIdOf(message);
-      question_came_ = true;
+      call_ids_.push_back(CallIdOf(message));
+      questions_came_ = call_ids_.size() == static_cast<std::size_t>(open_questions_);
     } else if (++events_ == kSubscribers) {
       all_came_ = true;
     }
@@ -141,14 +153,15 @@ class Work : GrpcConnection::Visitor {
 
   const std::string framed_ = Framed(TextMessage(std::string(kTextBytes, 'x')));
   const std::string subscription_ = Framed(Subscription(EventKey()));
-  const std::string question_key_ = QuestionKey(1);
+  std::string question_key_;
   ProfileId key_;
   bool headers_ = false;
   bool ended_ = false;
-  bool question_came_ = false;
+  bool questions_came_ = false;
   bool all_came_ = false;
   int events_ = 0;
-  std::uint64_t call_id_ = 0;
+  int open_questions_ = 0;
+  std::vector<std::uint64_t> call_ids_;
   GrpcCall* questions_ = nullptr;
   RpcServer server_;
   ScenarioHost host_{server_.scheduler()};

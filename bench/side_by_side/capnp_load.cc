@@ -52,7 +52,9 @@ class Load final : private kj::TaskSet::ErrorHandler {
   void Measure() {
     Wait(After(options_.warm_up));
     measurement_.Begin();
+    const std::int64_t end = NowNs() + static_cast<std::int64_t>(options_.seconds * 1e9);
     Wait(After(options_.seconds));
+    while (!measurement_.MayEnd(end)) Wait(After(0.01));
     measurement_.End();
   }
 

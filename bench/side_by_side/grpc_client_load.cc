@@ -35,7 +35,8 @@ class Load {
     }
     RunFor(options_.warm_up);
     measurement_.Begin();
-    RunFor(options_.seconds);
+    const std::int64_t end = NowNs() + static_cast<std::int64_t>(options_.seconds * 1e9);
+    while (!measurement_.MayEnd(end)) MakeProgress();
     measurement_.End();
     measurement_.NoteLatencies();
     measurement_.NoteRate();
@@ -56,12 +57,14 @@ class Load {
 
   void RunFor(double seconds) {
     const std::int64_t end = NowNs() + static_cast<std::int64_t>(seconds * 1e9);
-    while (NowNs() < end) {
-      if (options_.outstanding > 1) {
-        TakeOne();
-      } else {
-        CallAndWait();
-      }
+    while (NowNs() < end) MakeProgress();
+  }
+
+  void MakeProgress() {
+    if (options_.outstanding > 1) {
+      TakeOne();
+    } else {
+      CallAndWait();
     }
   }
 

@@ -46,12 +46,34 @@ class Load : protected GrpcConnection::Visitor {
   void Measure() {
     RunFor(options_.warm_up);
     measurement_.Begin();
-    RunFor(options_.seconds);
+    const std::int64_t end = NowNs() + ToNs(options_.seconds);
+    watch_.RunUntil([this, end] { return measurement_.MayEnd(end); });
+    measurement_.End();
+  }
+
+  // The server's memory after a warm-up, and after each tenth of `options.count`. `run_until` is
+  // called with a number, and returns when that much has been counted.
+  template <class RunUntil>
+  void MeasureMemory(const RunUntil& run_until) {
+    constexpr int kParts = 10;
+    const std::int64_t part = options_.count / kParts;
+    run_until(part);
+    measurement_.Begin();
+    NoteMemory(0);
+    for (int i = 1; i <= kParts; ++i) {
+      run_until(part * i);
+      NoteMemory(i);
+    }
     measurement_.End();
   }
 
   static void Check(bool is_as_expected, const char* what) {
     if (!is_as_expected) Fail(std::string("not what was expected: ") + what);
+  }
+
+  void NoteMemory(int part) {
+    const auto bytes = static_cast<double>(ResidentBytes(options_.server));
+    measurement_.Note("kib_" + std::to_string(part), bytes / 1024);
   }
 
   const LoadOptions options_;
@@ -69,8 +91,14 @@ class UnaryLoad : Load {
       for (int i = 0; i < options.outstanding; ++i) Call(*connection);
     }
     FlushAll();
-    Measure();
-    measurement_.NoteLatencies();
+    if (options.count > 0) {
+      MeasureMemory([this](std::int64_t count) {
+        watch_.RunUntil([this, count] { return measurement_.count() >= count; });
+      });
+    } else {
+      Measure();
+      measurement_.NoteLatencies();
+    }
     measurement_.NoteRate();
     measurement_.Print();
   }
@@ -146,21 +174,36 @@ class FanOutLoad : Load {
     FlushAll();
     while (!Publish()) continue;
     Publish();
-    measurement_.Begin();
-    const std::int64_t end = NowNs() + ToNs(options.seconds);
-    do {
-      const std::int64_t start = NowNs();
-      Check(Publish(), "the number of events");
-      measurement_.Count(last_event_ns_ - start);
-    } while (NowNs() < end);
-    measurement_.End();
-    measurement_.NoteLatencies();
-    measurement_.CountMany(measurement_.count() * (subscribers_ - 1));
+    if (options.count > 0) {
+      MeasureMemory([this](std::int64_t count) {
+        while (measurement_.count() < count) PublishAndCount();
+      });
+    } else {
+      MeasureTimeToLast();
+    }
     measurement_.NoteRate();
     measurement_.Print();
   }
 
  private:
+  void MeasureTimeToLast() {
+    measurement_.Begin();
+    const std::int64_t end = NowNs() + ToNs(options_.seconds);
+    do {
+      PublishAndCount();
+    } while (NowNs() < end);
+    measurement_.End();
+    measurement_.NoteLatencies();
+  }
+
+  // One latency for each publication, and one count for each event.
+  void PublishAndCount() {
+    const std::int64_t start = NowNs();
+    Check(Publish(), "the number of events");
+    measurement_.Count(last_event_ns_ - start);
+    measurement_.CountMany(subscribers_ - 1);
+  }
+
   void Subscribe(GrpcConnection& connection) {
     for (int i = 0; i < options_.streams; ++i) {
       connection.Start(Method::kWhenNetworkChanged, subscription_, /*half_close=*/false);

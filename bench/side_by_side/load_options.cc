@@ -18,6 +18,8 @@ LoadOptions ParseLoadOptions(int argc, char** argv) {
       {"--connections", [&](const char* value) { options.connections = std::atoi(value); }},
       {"--outstanding", [&](const char* value) { options.outstanding = std::atoi(value); }},
       {"--streams", [&](const char* value) { options.streams = std::atoi(value); }},
+      {"--keys", [&](const char* value) { options.keys = std::atoi(value); }},
+      {"--count", [&](const char* value) { options.count = std::atoll(value); }},
       {"--seconds", [&](const char* value) { options.seconds = std::atof(value); }},
       {"--warm-up", [&](const char* value) { options.warm_up = std::atof(value); }},
       {"--server-cpu", [&](const char* value) { options.server_cpu = std::atoi(value); }},

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ struct LoadOptions {
   int connections = 1;
   int outstanding = 1;  // Calls, or questions, on each connection.
   int streams = 1;      // On each connection.
+  int keys = 0;         // That other streams hold, in what is measured of keys.
+  // Not zero: so many calls, or events, are made, whatever time they take, for the server's memory.
+  std::int64_t count = 0;
   double seconds = 1;
   double warm_up = 0.2;  // Seconds.
   int server_cpu = -1;   // For a server that is started here; negative: anywhere.

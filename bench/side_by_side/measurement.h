@@ -32,6 +32,9 @@ class Measurement {
   }
   void Count() { ++count_; }
   void CountMany(std::int64_t count) { count_ += count; }
+  // Whether it may end: `end_ns` has come, and there is something to tell of, which may take longer
+  // on a busy machine.
+  bool MayEnd(std::int64_t end_ns) const { return count_ > 0 && NowNs() >= end_ns; }
   void End();
 
   std::int64_t count() const { return count_; }

@@ -65,7 +65,8 @@ void MeasureEchoes(const LoadOptions& options) {
   }
   RunFor(connections.watch(), options.warm_up);
   measurement.Begin();
-  RunFor(connections.watch(), options.seconds);
+  const std::int64_t end = NowNs() + static_cast<std::int64_t>(options.seconds * 1e9);
+  connections.watch().RunUntil([&measurement, end] { return measurement.MayEnd(end); });
   measurement.End();
   if (options.connections * options.outstanding == 1) measurement.NoteLatencies();
   measurement.NoteRate();
@@ -164,7 +165,8 @@ void EchoOnce(int fd) {
 }
 
 void Run(const LoadOptions& options) {
-  if (options.mode == "unary") {
+  // To what has no RPC, a call and a question are the same.
+  if (options.mode == "unary" || options.mode == "questions") {
     MeasureEchoes(options);
   } else if (options.mode == "fan-out") {
     MeasureFanOut(options, EchoProtocol());

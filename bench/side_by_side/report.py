@@ -1,61 +1,45 @@
-"""From the figures of all rounds to a table, and to JSON."""
+"""From the figures of all rounds to sections of a page."""
 
+import json
 import os
-import platform
 import re
 import statistics
 import subprocess
 import sys
 
-from systems import SIZE_TITLE
+import conditions
+from systems import RATE, SIZE_TITLE, UNIX_AND_TCP
 
-# Between these, a page of documentation has the tables of a run.
-BEGIN, END = "<!-- figures -->", "<!-- end of figures -->"
-PACKAGES = ["libgrpc++1.51", "libprotobuf32", "libnghttp2-14", "libcapnp-0.9.2", "redis-server"]
-NOTES = [
+INSTRUCTION_COUNTS = os.path.join(os.path.dirname(__file__), "..", "instruction_counts.json")
+BAR_NOTES = [
+    "Ratio: Varnic's figure as so many times the other's, by the medians. Where there is none, the "
+    "bar is for the figure itself.",
+    "Beside grpc++ stands the best of its three services for that figure. Debian's grpc++ is built "
+    "without NDEBUG: its debug assertions run, and a build of one's own is faster.",
+    "Epoll echo is no RPC: it says what the sockets cost. A call and a question are the same to it.",
+    "What idle cores do (see the line above) is in every figure of one thing at a time, and can be "
+    "most of it: compare only runs with the same driver and the same `--keep-awake`.",
+]
+ROW_NOTES = [
     "Each cell: the median of the rounds (the lowest to the highest). Lead: how many times as good "
     "as the other system varnic is, by the medians of the first figure; below 1, the other leads.",
-    "Debian's grpc++ is built without NDEBUG: its debug assertions run, and a build of one's own is "
-    "faster.",
-    "A star: the load generator had more than 0.9 of its core, and the server less than 0.9 of its "
-    "own, so the figure may be the generator's.",
-    "Epoll echo is no RPC: it says what the sockets cost. Its batches have no framing to keep.",
+    "The server had less than 0.9 of its core where there is a mark, and so could have done more. A "
+    "star: the load generator had more than 0.9 of its own, and the figure may be the generator's. A "
+    "dagger: neither was busy all the time. On a machine that does nothing else they wait for each "
+    "other: with one connection they work by turns, whole batches at a time, so that the rate is of "
+    "both together, and only the CPU is the server's alone. Otherwise both wait for a core.",
+    "Epoll echo's batches have no framing to keep.",
     "Memory is the process's own; what the kernel keeps for a socket comes on top for everybody.",
 ]
 
 
-def read(path):
-    try:
-        with open(path, encoding="utf-8") as file:
-            return file.read().strip()
-    except OSError:
-        return ""
+def notes(lines):
+    return "\n".join(f"- {line}" for line in lines) + "\n"
 
 
-def conditions(arguments, server_cpu, load_cpu):
-    """What has to be the same for figures of two runs to be compared."""
-    model = re.search(r"model name\s*: (.*)", read("/proc/cpuinfo"))
-    idle = "/sys/devices/system/cpu/cpuidle/"
-    return {
-        "machine": f"{model[1] if model else platform.machine()}, {os.cpu_count()} CPUs",
-        "kernel": platform.release(),
-        "idle_driver": read(idle + "current_driver"),
-        "idle_governor": read(idle + "current_governor"),
-        "guest_halt_poll_ns": read("/sys/module/haltpoll/parameters/guest_halt_poll_ns"),
-        "kept_awake": arguments.keep_awake,
-        "server_cpu": server_cpu,
-        "load_cpu": load_cpu,
-        "rounds": arguments.rounds,
-        "seconds": arguments.seconds,
-        "load_average_before": os.getloadavg()[0],
-        "packages": {name: package_version(name) for name in PACKAGES},
-    }
-
-
-def package_version(name):
-    result = subprocess.run(["dpkg-query", "-W", "-f", "${Version}", name], capture_output=True,
-                            text=True, check=False)
-    return result.stdout
+def table(headings, rows):
+    lines = ["| " + " | ".join(headings) + " |", "|---" * len(headings) + "|"]
+    return "\n".join(lines + ["| " + " | ".join(cells) + " |" for cells in rows]) + "\n"
 
 
 def stripped_size(program, scratch):
@@ -71,9 +55,13 @@ def libraries_size(program):
 
 
 def number(value):
-    if value >= 1000:
+    if abs(value) >= 1000:
         return f"{value:,.0f}"
-    return f"{value:.3g}" if value >= 1 else f"{value:.2f}"
+    return f"{value:.3g}"
+
+
+def without_unit(heading):
+    return heading.partition(",")[0]
 
 
 def spread(values):
@@ -83,73 +71,162 @@ def spread(values):
     return text
 
 
-def generator_bound(measured):
-    return (statistics.median(m.get("load_busy", 0) for m in measured) > 0.9
-            and statistics.median(m.get("server_busy", 1) for m in measured) < 0.9)
+def mark_of(measured):
+    """A star or a dagger if the figure is not the server's alone; ROW_NOTES has what they mean."""
+    load = statistics.median(m.get("load_busy", 0) for m in measured)
+    server = statistics.median(m.get("server_busy", 1) for m in measured)
+    if server >= 0.9:
+        return ""
+    return "*" if load > 0.9 else "†"
+
+
+def median_of(measured, key):
+    return statistics.median(m[key] for m in measured)
 
 
 def summarise(row, measured_by_system):
     """For each system and figure: median, lowest, highest, and varnic's lead."""
-    def median(system, key):
-        return statistics.median(m[key] for m in measured_by_system[system])
-
     summary = {}
     for system, measured in measured_by_system.items():
-        summary[system] = {"generator_bound": generator_bound(measured)}
+        summary[system] = {"mark": mark_of(measured)}
         for key, _, less_is_better in row.figures:
             values = [m[key] for m in measured]
-            summary[system][key] = {"median": statistics.median(values), "lowest": min(values),
+            middle = statistics.median(values)
+            summary[system][key] = {"median": middle, "lowest": min(values),
                                     "highest": max(values)}
-            if "varnic" in measured_by_system and median(system, key) and median("varnic", key):
-                lead = median(system, key) / median("varnic", key)
+            if "varnic" not in measured_by_system:
+                continue
+            ours = median_of(measured_by_system["varnic"], key)
+            if middle and ours:
+                lead = middle / ours
                 summary[system][key]["varnic_leads"] = lead if less_is_better else 1 / lead
     return summary
 
 
-def row_table(row, measured_by_system):
+def row_table(row, measured_by_system, readings):
     summary = summarise(row, measured_by_system)
-    headings = ["system"] + [heading for _, heading, _ in row.figures] + ["lead"]
-    lines = [f"**{row.title}** (`{row.name}`)", "", "| " + " | ".join(headings) + " |",
-             "|---" * len(headings) + "|"]
+    cells_of_rows = []
     for system, measured in measured_by_system.items():
-        star = "*" if summary[system]["generator_bound"] else ""
+        # Of one thing at a time nobody expects anything else.
+        mark = summary[system]["mark"] if row.figures[0] == RATE else ""
         cells = [spread([m[key] for m in measured]) for key, _, _ in row.figures]
         lead = summary[system][row.figures[0][0]].get("varnic_leads")
         cells.append(f"{lead:.2f}" if lead is not None and system != "varnic" else "")
-        lines.append("| " + " | ".join([system + star] + cells) + " |")
-    return "\n".join(lines) + "\n"
+        cells_of_rows.append([system + mark] + cells)
+    text = f"**{row.title}** (`{row.name}`)\n\n" + table(
+        ["system"] + [heading for _, heading, _ in row.figures] + ["lead"], cells_of_rows)
+    bars = [f"{without_unit(one['figure'])} {one['bar']}{' of ' + one['beside'] if 'beside' in one else ''}: "
+            f"{verdict(one)}" for one in readings if one["row"] == row.name]
+    return text + ("\nBar: " + "; ".join(bars) + ".\n" if bars else "")
+
+
+def verdict(reading):
+    return f"{number(reading.get('ratio', reading['varnic']))}, " + ("met" if reading["met"] else "**missed**")
+
+
+def bar_table(rows, readings):
+    titles = {row.name: row.title for row in rows}
+    return table(
+        ["what", "figure", "varnic", "beside", "ratio", "bar", "met?"],
+        [[f"{titles[one['row']]} (`{one['row']}`)", one["figure"], number(one["varnic"]),
+          f"{one['beside']}: {number(one['theirs'])}" if "beside" in one else "",
+          number(one["ratio"]) if "ratio" in one else "", one["bar"],
+          "met" if one["met"] else "**missed**"] for one in readings])
 
 
 def size_table(sizes):
-    lines = [f"**{SIZE_TITLE}** (`size`)", "", "| system | bytes | with libraries |", "|---|---|---|"]
-    lines += [f"| {system} | {own:,} | {own + libraries:,} |"
-              for system, (own, libraries) in sizes.items()]
-    return "\n".join(lines) + "\n"
+    return f"**{SIZE_TITLE}** (`size`)\n\n" + table(
+        ["system", "bytes", "with libraries"],
+        [[system, f"{own:,}", f"{own + libraries:,}"]
+         for system, (own, libraries) in sizes.items()])
 
 
-def heading(stated):
-    kept = "kept awake" if stated["kept_awake"] else "left to sleep"
-    packages = ", ".join(f"{name} {version}" for name, version in stated["packages"].items())
-    lines = [
-        f"{stated['machine']}, Linux {stated['kernel']}; load average {stated['load_average_before']:.2f} "
-        f"before and {stated['load_average_after']:.2f} after.",
-        f"Idle driver {stated['idle_driver'] or 'unknown'}, governor {stated['idle_governor'] or 'unknown'}; "
-        f"idle cores {kept}. Server on CPU {stated['server_cpu']}, load generator on CPU "
-        f"{stated['load_cpu']}. {stated['rounds']} rounds of {stated['seconds']:g} s each.",
-        f"{packages}.", ""]
-    return "\n".join(lines + [f"- {note}" for note in NOTES]) + "\n"
+def times(key, one, other, system):
+    return median_of(one[system], key) / median_of(other[system], key)
 
 
-def page(stated, tables, sizes):
-    return "\n".join([heading(stated)] + [row_table(row, measured) for row, measured in tables.items()]
-                     + [size_table(sizes)])
+def tcp_table(tables):
+    """What TCP takes besides, by the figures of rows that are there over both kinds of socket."""
+    by_name = {row.name: (row, measured) for row, measured in tables.items()}
+    cells_of_rows = []
+    for unix, tcp in UNIX_AND_TCP:
+        if unix not in by_name or tcp not in by_name:
+            continue
+        (row, over_unix), (_, over_tcp) = by_name[unix], by_name[tcp]
+        shown = [figure for figure in row.figures if figure[0] != "p99_us"]
+        for system in over_unix:
+            if system in over_tcp:
+                ratios = [f"{without_unit(heading)} {number(times(key, over_tcp, over_unix, system))}"
+                          for key, heading, _ in shown]
+                cells_of_rows.append([f"`{unix}`", system, ", ".join(ratios)])
+    if not cells_of_rows:
+        return ""
+    return ("**TCP on loopback as so many times the same over a Unix-domain socket** (`tcp`)\n\n"
+            + table(["row", "system", "TCP / Unix"], cells_of_rows))
 
 
-def insert(text, path):
+def guards_table(tables):
+    """What the limits cost: with the usual ones, and with some that are never reached."""
+    cells_of_rows = []
+    for row, measured in tables.items():
+        if "varnic" not in measured or "varnic, relaxed" not in measured:
+            continue
+        usual = median_of(measured["varnic"], "server_cpu_us")
+        relaxed = median_of(measured["varnic, relaxed"], "server_cpu_us")
+        cells_of_rows.append([f"{row.title} (`{row.name}`)", number(usual), number(relaxed),
+                              f"{100 * (usual / relaxed - 1):+.1f} %"])
+    if not cells_of_rows:
+        return ""
+    return ("**What the limits cost: server CPU, µs each, with the usual limits, and with limits that "
+            "are never reached** (`guards`)\n\n"
+            + table(["what", "usual limits", "none reached", "the limits cost"], cells_of_rows)
+            + "\nLimits that are never reached are looked at all the same; those in time are off. A "
+            "difference smaller than the spread of the rounds is none. All of the guards, which look at "
+            "what a peer does on behalf of a limit, take, by the count of "
+            f"instructions: {guard_shares()}.\n")
+
+
+def guard_shares():
+    with open(INSTRUCTION_COUNTS, encoding="utf-8") as file:
+        builds = json.load(file)
+    counts = next(iter(builds.values()))["counts"]
+    return ", ".join(f"{100 * count.get('of guards', 0) / count['instructions']:.1f} % of a "
+                     f"{name.replace('_', ' ')}" for name, count in counts.items())
+
+
+def sections(stated, tables, sizes, readings):
+    """By the name of the place in a page that each is for."""
+    rows = [row_table(row, measured, readings) for row, measured in tables.items()]
+    return {
+        "machine": conditions.machine_text(stated),
+        "bars": "\n".join([conditions.run_text(stated), bar_table(tables, readings),
+                           notes(BAR_NOTES)]),
+        "rows": "\n".join([notes(ROW_NOTES)] + [text for text in rows + [
+            tcp_table(tables), guards_table(tables), size_table(sizes)] if text]),
+    }
+
+
+def marks(name):
+    return f"<!-- begin: {name} -->", f"<!-- end: {name} -->"
+
+
+def page_with_places(path, names):
+    """The page's text; ends the program if it has no place for one of these."""
     with open(path, encoding="utf-8") as file:
-        before, begin, rest = file.read().partition(BEGIN)
-    _, end, after = rest.partition(END)
-    if not (begin and end):
-        sys.exit(f"{path} has no place for the tables: {BEGIN} and {END}")
+        page = file.read()
+    for name in names:
+        begin, end = marks(name)
+        if end not in page.partition(begin)[2]:
+            sys.exit(f"{path} has no place for {name}: {begin} and {end}")
+    return page
+
+
+def insert(sections_by_name, path):
+    """Puts each section between its marks."""
+    page = page_with_places(path, sections_by_name)
+    for name, text in sections_by_name.items():
+        begin, end = marks(name)
+        before, _, rest = page.partition(begin)
+        page = f"{before}{begin}\n\n{text}\n{end}{rest.partition(end)[2]}"
     with open(path, "w", encoding="utf-8") as file:
-        file.write(f"{before}{BEGIN}\n\n{text}\n{END}{after}")
+        file.write(page)

@@ -2,6 +2,7 @@
 #define BENCH_SIDE_BY_SIDE_SCENARIO_HOST_H_
 
 #include <cstddef>
+#include <map>
 #include <string>
 
 #include "absl/status/status.h"
@@ -38,7 +39,8 @@ class ScenarioHost : public ::rpc::ProfileRpc {
     if (CallbackStream<::rpc::CanAccessFile>::stream_map_.count(request) == 0) {
       ServerController::From(controller).SetStatus(absl::NotFoundError("Nobody answers"));
     } else {
-      for (int i = 0; i < OpenQuestions(request->value()); ++i) Ask(*request);
+      const ProfileId& key = keys_.try_emplace(request->value(), *request).first->second;
+      for (int i = 0; i < OpenQuestions(request->value()); ++i) Ask(key);
     }
     done->Run();
   }
@@ -48,14 +50,16 @@ class ScenarioHost : public ::rpc::ProfileRpc {
   }
 
  private:
+  // `key` is one of `keys_`.
   void Ask(const ProfileId& key) {
     caller_.Call(
         key, request_,
-        [this, key](const ::rpc::CanAccessFile::Response& /*response*/) { Ask(key); },
+        [this, &key](const ::rpc::CanAccessFile::Response& /*response*/) { Ask(key); },
         [](const absl::Status& /*status*/) {}, absl::InfiniteDuration());
   }
 
   const ::rpc::CanAccessFile::Request request_ = MakeRequest<::rpc::CanAccessFile::Request>();
+  std::map<std::string, ProfileId> keys_;  // Of questions.
   EventPublisher<::rpc::NetworkChanged> publisher_;
   CallbackCaller<::rpc::CanAccessFile> caller_;
 };

@@ -34,6 +34,7 @@ SYSTEMS = {
 ONE_THREAD = ["varnic", "grpc++ callback", "grpc++ async", "capnp"]
 STREAMS = ["varnic", "grpc++ sync", "grpc++ callback", "grpc++ async", "capnp"]
 CALLS = STREAMS + ["epoll echo"]
+RELAXED = ["varnic, relaxed"]
 
 
 @dataclasses.dataclass(frozen=True, eq=False)
@@ -51,25 +52,30 @@ class Row:
     own_client: bool = False
 
     def load_arguments(self, short):
-        merged = {**self.arguments, **(self.short if short else {})}
-        return [text for name, value in merged.items() for text in (f"--{name}", str(value))]
+        return {**self.arguments, **(self.short if short else {})}
 
 
 ROWS = [
     Row("unary-unix", "One unary call at a time, Unix-domain socket", "unary",
-        (P50, P99, CPU), CALLS),
+        (P50, P99, CPU), CALLS + RELAXED),
     Row("unary-tcp", "One unary call at a time, TCP", "unary", (P50, P99, CPU), CALLS, tcp=True),
     Row("calls-100", "Unary calls, 100 outstanding on one connection", "unary", (RATE, CPU),
-        CALLS + ["varnic, relaxed"], {"outstanding": 100}),
+        CALLS + RELAXED, {"outstanding": 100}),
+    Row("calls-100-tcp", "Unary calls, 100 outstanding on one connection, TCP", "unary", (RATE, CPU),
+        CALLS, {"outstanding": 100}, tcp=True),
     Row("calls-10x10", "Unary calls, 10 outstanding on each of 10 connections", "unary",
         (RATE, CPU), CALLS, {"outstanding": 10, "connections": 10}),
     Row("question", "A question of the host and its answer, one at a time", "questions",
-        (P50, P99, CPU), STREAMS),
+        (P50, P99, CPU), CALLS + RELAXED),
     Row("questions-100", "Questions and their answers, 100 open on one stream", "questions",
-        (RATE, CPU), STREAMS + ["varnic, relaxed"], {"outstanding": 100}),
+        (RATE, CPU), STREAMS + RELAXED, {"outstanding": 100}),
     Row("events-1000", "One event to 1,000 subscribers, streams on 10 connections: time to the last",
-        "fan-out", (P50, RATE, CPU), STREAMS, {"connections": 10, "streams": 100},
+        "fan-out", (P50, RATE, CPU), STREAMS + RELAXED, {"connections": 10, "streams": 100},
         {"streams": 10}),
+    Row("events-1000-tcp",
+        "One event to 1,000 subscribers, streams on 10 connections, TCP: time to the last",
+        "fan-out", (P50, RATE, CPU), STREAMS, {"connections": 10, "streams": 100},
+        {"streams": 10}, tcp=True),
     Row("events-10000",
         "One event to 10,000 subscribers, streams on 10 connections: time to the last", "fan-out",
         (P50, RATE, CPU), ONE_THREAD, {"connections": 10, "streams": 1000}, {"streams": 20}),
@@ -78,7 +84,7 @@ ROWS = [
         "fan-out", (P50, RATE, CPU), STREAMS + ["epoll echo", "redis"], {"connections": 1000},
         {"connections": 50}),
     Row("open-close", "Streams opened, subscribed and closed, 10 at a time", "open-close",
-        (RATE, CPU), STREAMS + ["varnic, relaxed"], {"outstanding": 10}),
+        (RATE, CPU), STREAMS + RELAXED, {"outstanding": 10}),
     Row("memory-connection", "Memory of an idle connection", "idle", (BYTES,), STREAMS,
         {"connections": 1000, "streams": 0}, {"connections": 50}),
     Row("memory-stream", "Memory of an idle stream, subscription included, on 10 connections", "idle",
@@ -90,5 +96,9 @@ ROWS = [
     Row("client-100", "Unary calls, 100 outstanding, each system's own client", "unary", (RATE, CPU),
         STREAMS, {"outstanding": 100}, own_client=True),
 ]
+
+# The same over both kinds of socket.
+UNIX_AND_TCP = [("unary-unix", "unary-tcp"), ("calls-100", "calls-100-tcp"),
+                ("events-1000", "events-1000-tcp")]
 
 SIZE_TITLE = "Size of the server program, stripped; and with the shared libraries that it loads"

@@ -27,7 +27,8 @@ class Load {
     for (auto& response : responses) Call(response);
     RunFor(options_.warm_up);
     measurement_.Begin();
-    RunFor(options_.seconds);
+    const std::int64_t end = NowNs() + static_cast<std::int64_t>(options_.seconds * 1e9);
+    loop_.RunUntil([this, end] { return measurement_.MayEnd(end); });
     measurement_.End();
     over_ = true;
     measurement_.NoteLatencies();
