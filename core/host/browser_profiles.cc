@@ -189,14 +189,14 @@ void BrowserProfiles::List(Reply<rpc::ProfileList> reply) {
 
 void BrowserProfiles::CreateProfile(const std::string& name, Reply<rpc::ProfileInfo> reply) {
   if (is_closed_) return reply(IsEnding());
+  const Reply<rpc::ProfileInfo> answered = AnsweredReply(std::move(reply));
   host_.files.Run([store = host_.store, name] { return store->Create(name); },
-                  lifetime_.Guard([this, reply = AnsweredReply(std::move(reply))](
-                                      absl::StatusOr<StoredProfile> stored) {
-                    if (!stored.ok()) return reply(stored.status());
+                  lifetime_.Guard([this, answered](absl::StatusOr<StoredProfile> stored) {
+                    if (!stored.ok()) return answered(stored.status());
                     Add(*std::move(stored));
                     const rpc::ProfileInfo info = profiles_.back()->Info();
                     NotifyChange();
-                    reply(info);
+                    answered(info);
                   }));
 }
 
@@ -209,8 +209,9 @@ void BrowserProfiles::DeleteProfile(const std::string& id, Reply<Done> reply) {
   if (place->profile->is_default()) {
     return reply(absl::FailedPreconditionError("the default profile cannot be deleted"));
   }
-  place->profile->Close(lifetime_.Guard(
-      [this, id = place->id, reply = AnsweredReply(std::move(reply))] { DeleteFiles(id, reply); }));
+  const Reply<Done> answered = AnsweredReply(std::move(reply));
+  place->profile->Close(
+      lifetime_.Guard([this, id = place->id, answered] { DeleteFiles(id, answered); }));
 }
 
 void BrowserProfiles::DeleteFiles(const std::string& id, Reply<Done> reply) {

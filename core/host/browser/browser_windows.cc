@@ -134,10 +134,10 @@ void BrowserWindows::OnDetached(const TargetSession& session) {
   const auto it = pages_.find(session.target_id);
   if (it == pages_.end() || it->second.session.session_id != session.session_id) return;
   auto node = pages_.extract(it);
-  End(std::move(node.mapped()));
+  End(node.mapped());
 }
 
-void BrowserWindows::End(Page page) {
+void BrowserWindows::End(const Page& page) {
   if (page.is_shown) visitor_.OnWindowClosed(page.window);
   contexts_.EndUse(page.window.context);
 }

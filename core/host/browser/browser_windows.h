@@ -66,7 +66,7 @@ class BrowserWindows {
   void OnCrashed(const nlohmann::json& params);
   void Show(Page& page);
   void ShowUnclaimed();
-  void End(Page page);
+  void End(const Page& page);
 
   DevToolsPipe& devtools_;
   IncognitoContexts& contexts_;

@@ -23,7 +23,7 @@ std::optional<std::string> ContextAmong(const Json& contexts, const std::string&
 
 }  // namespace
 
-void ContextFinder::Find(const std::string& frame_id, OnContext on_context) {
+void ContextFinder::Find(const std::string& frame_id, const OnContext& on_context) {
   if (const std::optional<std::string> context = frames_.ContextOf(frame_id)) {
     return on_context(context);
   }

@@ -29,7 +29,7 @@ class ContextFinder {
   ContextFinder& operator=(const ContextFinder&) = delete;
 
   // `on_context` runs once, maybe at once, and not after the finder is destroyed.
-  void Find(const std::string& frame_id, OnContext on_context);
+  void Find(const std::string& frame_id, const OnContext& on_context);
 
  private:
   // `target_context` is what the browser calls the context; empty if there is no such target.

@@ -135,7 +135,7 @@ void DevToolsPipe::HandleMessage(DevToolsAnswer message) {
   EndCommand(message.id, std::move(message.result));
 }
 
-void DevToolsPipe::HandleMessage(DevToolsEvent message) {
+void DevToolsPipe::HandleMessage(const DevToolsEvent& message) {
   const auto it = listeners_.find({message.session_id, message.method});
   // A copy, for it may replace itself.
   auto listener = lifetime_.Guard(it == listeners_.end() ? Listener() : it->second);

@@ -116,7 +116,7 @@ class DevToolsPipe : private net::ByteStream::Visitor {
   // Whether the pipe still is, and is open.
   bool Handle(const NulMessage& bytes);
   void HandleMessage(DevToolsAnswer message);
-  void HandleMessage(DevToolsEvent message);
+  void HandleMessage(const DevToolsEvent& message);
   void HandleMessage(const DevToolsComplaint& message);
   void OnBadMessage(const absl::Status& why);
   void EndCommand(int id, absl::StatusOr<nlohmann::json> result);

@@ -55,7 +55,7 @@ ProfileBrowser::~ProfileBrowser() {
   live_ = nullptr;
 }
 
-void ProfileBrowser::OpenWindow(const std::string& context, WindowOptions options,
+void ProfileBrowser::OpenWindow(const std::string& context, const WindowOptions& options,
                                 Reply<BrowserWindow> reply) {
   WithWindows(options.headless, [this, context, options, reply = std::move(reply)](
                                     const absl::StatusOr<LiveBrowser*>& live) {
@@ -68,7 +68,7 @@ void ProfileBrowser::OpenWindow(const std::string& context, WindowOptions option
   });
 }
 
-void ProfileBrowser::OpenIncognitoWindow(WindowOptions options,
+void ProfileBrowser::OpenIncognitoWindow(const WindowOptions& options,
                                          std::function<void(const std::string&)> on_context,
                                          Reply<BrowserWindow> reply) {
   WithWindows(options.headless,

@@ -71,11 +71,12 @@ class ProfileBrowser : private BrowserKeeper::Visitor {
   //   NOT_FOUND            no such context
   //   UNAVAILABLE          the browser has died, or Close() was called
   //   DEADLINE_EXCEEDED    the browser does not answer
-  void OpenWindow(const std::string& context, WindowOptions options, Reply<BrowserWindow> reply);
+  void OpenWindow(const std::string& context, const WindowOptions& options,
+                  Reply<BrowserWindow> reply);
 
   // The same in a new incognito context, which is gone with its last window (OnContextClosed).
   // `on_context` hears of it before its window opens and its first request is made.
-  void OpenIncognitoWindow(WindowOptions options,
+  void OpenIncognitoWindow(const WindowOptions& options,
                            std::function<void(const std::string& context)> on_context,
                            Reply<BrowserWindow> reply);
 

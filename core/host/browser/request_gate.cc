@@ -46,7 +46,8 @@ std::string OriginOf(const std::string& security_origin) {
 
 class RequestGate::Impl {
  public:
-  Impl(DevToolsPipe& devtools, TaskThread& files, QuestionAsker& asker, QuestionKeys question_keys)
+  Impl(DevToolsPipe& devtools, TaskThread& files, QuestionAsker& asker,
+       const QuestionKeys& question_keys)
       : devtools_(devtools),
         replies_(devtools, asker.scheduler()),
         held_(devtools, asker, HoldingOf(asker.options())),
@@ -152,8 +153,8 @@ class RequestGate::Impl {
 };
 
 RequestGate::RequestGate(DevToolsPipe& devtools, TaskThread& files, QuestionAsker& asker,
-                         QuestionKeys question_keys)
-    : impl_(std::make_unique<Impl>(devtools, files, asker, std::move(question_keys))) {}
+                         const QuestionKeys& question_keys)
+    : impl_(std::make_unique<Impl>(devtools, files, asker, question_keys)) {}
 
 RequestGate::~RequestGate() = default;
 

@@ -28,7 +28,7 @@ class RequestGate {
   using QuestionKeys = std::function<std::vector<ProfileId>(const std::string& context)>;
 
   RequestGate(DevToolsPipe& devtools, TaskThread& files, QuestionAsker& asker,
-              QuestionKeys question_keys);
+              const QuestionKeys& question_keys);
   RequestGate(const RequestGate&) = delete;
   RequestGate& operator=(const RequestGate&) = delete;
   ~RequestGate();

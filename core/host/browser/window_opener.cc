@@ -176,10 +176,9 @@ void WindowOpener::Fail(int number, const absl::Status& why) {
   auto node = openings_.extract(number);
   if (node.empty()) return;
   const Opening& opening = node.mapped();
-  const absl::Status status = why;
   CloseTarget(opening.target_id);
   contexts_.EndUse(opening.context);
-  opening.reply(status);
+  opening.reply(why);
 }
 
 void WindowOpener::CloseTarget(const std::string& target_id) {
