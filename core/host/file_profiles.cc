@@ -10,9 +10,8 @@
 namespace varnic::host {
 namespace {
 
-absl::Status FilesAlone(absl::string_view instead) {
-  return absl::FailedPreconditionError(
-      absl::StrCat("this host serves the files of a user-data directory alone; ", instead));
+std::string FilesAlone(absl::string_view instead) {
+  return absl::StrCat("this host serves the files of a user-data directory alone; ", instead);
 }
 
 }  // namespace
@@ -38,10 +37,10 @@ void FileProfiles::Answer(Reply<Value> reply, std::function<absl::StatusOr<Value
 }
 
 template <typename Value>
-void FileProfiles::Refuse(const std::string& id, Reply<Value> reply, const absl::Status& refusal) {
-  Answer<Value>(std::move(reply), [this, id, refusal]() -> absl::StatusOr<Value> {
+void FileProfiles::Refuse(const std::string& id, Reply<Value> reply, const std::string& why) {
+  Answer<Value>(std::move(reply), [this, id, why]() -> absl::StatusOr<Value> {
     const absl::Status status = directory_.Resolve(id).status();
-    return status.ok() ? refusal : status;
+    return status.ok() ? absl::FailedPreconditionError(why) : status;
   });
 }
 
@@ -67,9 +66,8 @@ void FileProfiles::IsDefault(const std::string& id, Reply<bool> reply) {
 
 void FileProfiles::CreateBrowser(const rpc::BrowserOptions& options, Reply<int64_t> reply) {
   Refuse(options.profile_id().value(), std::move(reply),
-         absl::FailedPreconditionError(
-             "no browser is configured: this host serves the profiles' files alone; start a "
-             "browser on its user-data directory to open a window"));
+         "no browser is configured: this host serves the profiles' files alone; start a browser on "
+         "its user-data directory to open a window");
 }
 
 void FileProfiles::SetAcceptLanguage(const std::string& id, const std::string& list,
@@ -115,7 +113,8 @@ absl::StatusOr<rpc::ProfileList> FileProfiles::ListProfiles() const {
 
 void FileProfiles::CreateProfile(const std::string& /*name*/, Reply<rpc::ProfileInfo> reply) {
   Answer<rpc::ProfileInfo>(std::move(reply), []() -> absl::StatusOr<rpc::ProfileInfo> {
-    return FilesAlone("make the profile in the browser whose directory it is");
+    return absl::FailedPreconditionError(
+        FilesAlone("make the profile in the browser whose directory it is"));
   });
 }
 
@@ -126,7 +125,8 @@ void FileProfiles::DeleteProfile(const std::string& id, Reply<Done> reply) {
 
 void FileProfiles::CloseBrowser(int64_t /*id*/, Reply<Done> reply) {
   Answer<Done>(std::move(reply), []() -> absl::StatusOr<Done> {
-    return FilesAlone("its clients have no browsers that could be closed");
+    return absl::FailedPreconditionError(
+        FilesAlone("its clients have no browsers that could be closed"));
   });
 }
 

@@ -64,7 +64,7 @@ class FileProfiles final : public Profiles {
   void Answer(Reply<Value> reply, std::function<absl::StatusOr<Value>()> work);
   // Fails with what the files say against the profile `id`, or else with `refusal`.
   template <typename Value>
-  void Refuse(const std::string& id, Reply<Value> reply, const absl::Status& refusal);
+  void Refuse(const std::string& id, Reply<Value> reply, const std::string& why);
 
   absl::StatusOr<rpc::ProfileList> ListProfiles() const;  // Task thread only.
 

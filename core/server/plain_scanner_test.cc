@@ -155,10 +155,15 @@ TEST(PlainScannerTest, FieldsOfFixedSizeAndBytesArePlain) {
 }
 
 TEST(PlainScannerTest, MapsAreNotPlain) {
-  google::protobuf::Struct map;
-  (*map.mutable_fields())["a"].set_bool_value(true);
+  // {"a": true}, by hand: the library's maps are not made for a program under ThreadSanitizer.
+  const std::string map(
+      "\x0a\x07\x0a\x01"
+      "a"
+      "\x12\x02\x20\x01",
+      9);
+  ASSERT_TRUE(google::protobuf::Struct().ParseFromString(map));
 
-  EXPECT_FALSE(IsPlain(map, map.SerializeAsString()));
+  EXPECT_FALSE(IsPlain(google::protobuf::Struct(), map));
 }
 
 TEST(PlainScannerTest, DeepMessagesAreNotPlain) {
