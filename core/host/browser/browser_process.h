@@ -28,8 +28,8 @@ struct BrowserProcessOptions {
   int oldest_major_version = 132;
   // How long it may take to come up.
   absl::Duration start_time = absl::Seconds(30);
-  // While it is up, it is asked for a sign of life: this long after the last one, and it is ended if
-  // none comes in time.
+  // While it is up, it is asked for a sign of life: this long after the last one, and it is ended
+  // if none comes in time.
   absl::Duration ping_period = absl::Seconds(10);
   absl::Duration ping_time = absl::Seconds(30);
   // How long it may take to end when it is asked to, and then after SIGTERM, before SIGKILL.

@@ -16,8 +16,9 @@ class PageServer {
  public:
   using Headers = std::map<std::string, std::string>;  // By names in lower case.
 
-  // The pages by their paths; those that end in ".js" are scripts, and an unknown one is empty. Those
-  // below "/login" are for "ann" with the password "secret"; others get 401, and the text "denied".
+  // The pages by their paths; those that end in ".js" are scripts, and an unknown one is empty.
+  // Those below "/login" are for "ann" with the password "secret"; others get 401, and the text
+  // "denied".
   explicit PageServer(std::map<std::string, std::string> pages);
   PageServer(const PageServer&) = delete;
   PageServer& operator=(const PageServer&) = delete;
