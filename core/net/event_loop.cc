@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "core/net/asio.h"
 #include "core/net/lifetime.h"
@@ -109,15 +110,72 @@ class EventLoop::TimerQueue {
   std::map<Key, std::function<void()>> callbacks_;
 };
 
+// The deferred tasks of a loop, all of a turn behind one task of Asio's.
+class EventLoop::DeferredTasks {
+ public:
+  void Open(asio::io_context& context) { context_ = &context; }
+  // The context is about to go. What is posted is never run, and neither is what comes later.
+  void Close() { context_ = nullptr; }
+
+  void Add(DeferredTask& task) {
+    if (context_ == nullptr || std::exchange(task.is_posted_, true)) return;
+    task.turn_ = turn_;
+    task.place_ = coming_.size();
+    coming_.push_back(&task);
+    Schedule();
+  }
+  void Remove(DeferredTask& task) {
+    if (!std::exchange(task.is_posted_, false)) return;
+    (task.turn_ == turn_ ? coming_ : running_)[task.place_] = nullptr;
+  }
+
+ private:
+  void Schedule() {
+    if (std::exchange(is_scheduled_, true)) return;
+    asio::post(*context_, [this] { Run(); });
+  }
+
+  // None after one that stops the loop, and none that another of them posts.
+  void Run() {
+    is_scheduled_ = false;
+    if (next_ == running_.size()) BeginTurn();
+    while (next_ < running_.size() && !context_->stopped()) {
+      if (DeferredTask* task = running_[next_++]; task != nullptr) Run(*task);
+    }
+    if (next_ < running_.size() || !coming_.empty()) Schedule();
+  }
+  static void Run(DeferredTask& task) {
+    task.is_posted_ = false;
+    const std::function<void()> run = task.task_;  // Which may destroy the task.
+    run();
+  }
+  void BeginTurn() {
+    running_.clear();
+    running_.swap(coming_);
+    next_ = 0;
+    ++turn_;
+  }
+
+  asio::io_context* context_ = nullptr;  // None before Open() and after Close().
+  bool is_scheduled_ = false;
+  std::uint64_t turn_ = 0;              // Of those that are coming.
+  std::vector<DeferredTask*> coming_;   // Null where one was cancelled.
+  std::vector<DeferredTask*> running_;  // The same; they run from `next_` on.
+  std::size_t next_ = 0;
+};
+
 // One thread runs the loop, so Asio may leave out what more would need.
 EventLoop::EventLoop()
     : timers_(std::make_unique<TimerQueue>()),
+      deferred_tasks_(std::make_unique<DeferredTasks>()),
       context_(std::make_unique<asio::io_context>(/*concurrency_hint=*/1)),
       work_(std::make_unique<Work>(*context_)) {
   timers_->Open(*context_);
+  deferred_tasks_->Open(*context_);
 }
 EventLoop::~EventLoop() {
   timers_->Close();
+  deferred_tasks_->Close();
 }
 
 void EventLoop::Run(absl::Duration busy_poll) {
@@ -202,6 +260,14 @@ void Timer::Start(absl::Duration delay, std::function<void()> callback) {
 
 void Timer::Cancel() {
   if (number_ != 0) loop_.timers_->Remove(due_, std::exchange(number_, 0));
+}
+
+void DeferredTask::Post() {
+  loop_.deferred_tasks_->Add(*this);
+}
+
+void DeferredTask::Cancel() {
+  loop_.deferred_tasks_->Remove(*this);
 }
 
 class StopSignals::Impl {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "absl/functional/function_ref.h"
 #include "absl/time/time.h"
@@ -40,7 +41,7 @@ class EventLoop {
   // To be woken takes longer than most tasks do; but the looking takes a core's whole time.
   void Run(absl::Duration busy_poll = absl::ZeroDuration());
   // The same until `done()` holds, which is asked after every step; false after Stop(). A step is
-  // one task, or all timers that are due.
+  // one task, all timers that are due, or all deferred tasks of a turn.
   bool RunUntil(absl::FunctionRef<bool()> done);
   void Stop();
   bool IsStopped() const;
@@ -58,17 +59,20 @@ class EventLoop {
   asio::io_context& context() { return *context_; }
 
  private:
+  friend class DeferredTask;
   friend class Timer;
   class RunScope;
   struct Work;
   class TimerQueue;
+  class DeferredTasks;
 
   // Whether anything ran, which is waited for without sleeping.
   bool PollFor(std::chrono::nanoseconds time);
 
   std::atomic<std::thread::id> thread_;  // None while nobody runs the loop.
-  // Before the context: what its unrun tasks own may cancel timers when it goes.
+  // Before the context: what its unrun tasks own may cancel timers and tasks when it goes.
   std::unique_ptr<TimerQueue> timers_;
+  std::unique_ptr<DeferredTasks> deferred_tasks_;
   std::unique_ptr<asio::io_context> context_;
   std::unique_ptr<Work> work_;  // Lets a loop with nothing to do wait, rather than end.
 };
@@ -92,6 +96,31 @@ class Timer {
   EventLoop& loop_;
   LoopClock::time_point due_;
   std::uint64_t number_ = 0;  // Of the last Start(); 0 after Cancel().
+};
+
+// What an object does later on its loop, once for any number of Post()s. Takes no memory for each,
+// and those of one turn run in one go: for what thousands of objects do after the same event. Safe
+// to post again, to cancel and to destroy at any time, inside its own task too; the task of a
+// cancelled or destroyed one never runs.
+class DeferredTask {
+ public:
+  DeferredTask(EventLoop& loop, std::function<void()> task) : loop_(loop), task_(std::move(task)) {}
+  DeferredTask(const DeferredTask&) = delete;
+  DeferredTask& operator=(const DeferredTask&) = delete;
+  ~DeferredTask() { Cancel(); }
+
+  void Post();
+  void Cancel();
+
+ private:
+  friend class EventLoop::DeferredTasks;
+
+  EventLoop& loop_;
+  const std::function<void()> task_;
+  bool is_posted_ = false;
+  // Where the loop has it, while it is posted.
+  std::uint64_t turn_ = 0;
+  std::size_t place_ = 0;
 };
 
 // Watches for SIGINT and SIGTERM on a loop, instead of their default actions.

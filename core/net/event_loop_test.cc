@@ -584,5 +584,128 @@ TEST(EventLoopTest, RunPendingEndsWithATaskThatStopsTheLoop) {
   EXPECT_TRUE(ran);
 }
 
+TEST(DeferredTaskTest, RunsLaterAndOnceForAnyNumberOfPosts) {
+  EventLoop loop;
+  int runs = 0;
+  DeferredTask task(loop, [&] { ++runs; });
+
+  task.Post();
+  task.Post();
+  EXPECT_EQ(runs, 0);
+  loop.RunPending();
+  EXPECT_EQ(runs, 1);
+
+  task.Post();
+  loop.RunPending();
+  EXPECT_EQ(runs, 2);
+}
+
+TEST(DeferredTaskTest, ThoseOfOneTurnRunInTheOrderOfTheirPosts) {
+  EventLoop loop;
+  std::vector<int> runs;
+  DeferredTask first(loop, [&] { runs.push_back(1); });
+  DeferredTask second(loop, [&] { runs.push_back(2); });
+  DeferredTask third(loop, [&] { runs.push_back(3); });
+
+  second.Post();
+  third.Post();
+  first.Post();
+  second.Post();
+  loop.RunPending();
+
+  EXPECT_THAT(runs, ElementsAre(2, 3, 1));
+}
+
+TEST(DeferredTaskTest, OneThatPostsItselfDoesNotKeepATurnGoing) {
+  EventLoop loop;
+  int runs = 0;
+  DeferredTask* self = nullptr;
+  DeferredTask task(loop, [&] {
+    ++runs;
+    self->Post();
+  });
+  self = &task;
+  task.Post();
+
+  loop.RunPending();
+  EXPECT_EQ(runs, 1);
+
+  loop.RunPending();
+  EXPECT_EQ(runs, 2);
+}
+
+TEST(DeferredTaskTest, ACancelledOneIsSilentUntilItIsPostedAgain) {
+  EventLoop loop;
+  int runs = 0;
+  DeferredTask task(loop, [&] { ++runs; });
+
+  task.Post();
+  task.Cancel();
+  loop.RunPending();
+  EXPECT_EQ(runs, 0);
+
+  task.Post();
+  loop.RunPending();
+  EXPECT_EQ(runs, 1);
+}
+
+TEST(DeferredTaskTest, ATaskMayDestroyItselfAndOthersOfItsTurnAndOfTheNext) {
+  EventLoop loop;
+  int runs = 0;
+  std::unique_ptr<DeferredTask> itself;
+  auto of_this_turn = std::make_unique<DeferredTask>(loop, [] { ADD_FAILURE(); });
+  auto of_the_next = std::make_unique<DeferredTask>(loop, [] { ADD_FAILURE(); });
+  DeferredTask last(loop, [&] { ++runs; });
+  itself = std::make_unique<DeferredTask>(loop, [&] {
+    ++runs;
+    of_the_next->Post();
+    of_the_next.reset();
+    of_this_turn.reset();
+    itself.reset();
+  });
+  itself->Post();
+  of_this_turn->Post();
+  last.Post();
+
+  loop.RunPending();
+  loop.RunPending();
+
+  EXPECT_EQ(runs, 2);
+}
+
+TEST(DeferredTaskTest, AfterOneThatStopsTheLoopTheOthersWaitAndKeepTheirOrder) {
+  EventLoop loop;
+  std::vector<int> runs;
+  DeferredTask later(loop, [&] { runs.push_back(4); });
+  DeferredTask first(loop, [&] {
+    runs.push_back(1);
+    later.Post();
+    loop.Stop();
+  });
+  DeferredTask second(loop, [&] { runs.push_back(2); });
+  DeferredTask third(loop, [&] { runs.push_back(3); });
+  first.Post();
+  second.Post();
+  third.Post();
+
+  loop.RunPending();
+  EXPECT_THAT(runs, ElementsAre(1));
+
+  while (loop.RunPending() > 0) continue;
+  EXPECT_THAT(runs, ElementsAre(1, 2, 3, 4));
+}
+
+TEST(DeferredTaskTest, WhatHasNotRunAtTheLoopsEndNeverRuns) {
+  auto loop = std::make_unique<EventLoop>();
+  auto owned = std::make_shared<DeferredTask>(*loop, [] { ADD_FAILURE(); });
+  owned->Post();
+  const std::weak_ptr<DeferredTask> task = owned;
+  loop->Post([owned = std::move(owned)] {});
+
+  loop.reset();
+
+  EXPECT_TRUE(task.expired());
+}
+
 }  // namespace
 }  // namespace varnic::net

@@ -26,6 +26,7 @@ Http2Connection::Http2Connection(EventLoop& loop, std::unique_ptr<ByteStream> st
       visitor_(visitor),
       stream_(std::move(stream)),
       session_(role, options, *this),
+      flush_(loop, [this] { Flush(); }),
       guard_(limits, LoopClock::now()),
       look_timer_(loop) {
   stream_->Start(*this);
@@ -74,8 +75,7 @@ void Http2Connection::OnStep() {
 }
 
 void Http2Connection::OnOutputPending() {
-  if (std::exchange(flush_follows_, true)) return;
-  loop_.Post(lifetime_.Guard([this] { Flush(); }));
+  if (!std::exchange(flush_follows_, true)) flush_.Post();
 }
 
 void Http2Connection::Flush() {

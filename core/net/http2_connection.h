@@ -11,7 +11,6 @@
 #include "core/net/edge/connection_limits.h"
 #include "core/net/event_loop.h"
 #include "core/net/http2_session.h"
-#include "core/net/lifetime.h"
 
 namespace varnic::net {
 
@@ -82,6 +81,7 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   std::unique_ptr<ByteStream> stream_;  // Null once the connection has ended.
   Http2Session session_;
   std::string unsent_;  // Taken from the session, and not yet taken by the peer.
+  DeferredTask flush_;
   bool flush_follows_ = false;
   absl::Status fault_;  // What the peer sent was no HTTP/2.
   std::uint64_t bytes_received_ = 0;
@@ -92,7 +92,6 @@ class Http2Connection : private ByteStream::Visitor, private Http2Session::Visit
   std::unique_ptr<Timer> linger_timer_;  // Once there is nothing left to hear.
   std::size_t ignored_bytes_ = 0;        // Since then.
   bool said_all_ = false;
-  Lifetime lifetime_;
 };
 
 }  // namespace varnic::net
