@@ -70,7 +70,7 @@ void LiveProfile::AddBrowsers(const std::string& context, rpc::ProfileInfo& info
 }
 
 void LiveProfile::OpenBrowser(const std::string& profile, bool incognito,
-                              const UserAgent& user_agent, WindowOptions options,
+                              const UserAgent& user_agent, const WindowOptions& options,
                               Reply<int64_t> reply) {
   ProfileBrowser& browser = Browser(user_agent);
   auto find =
@@ -83,13 +83,12 @@ void LiveProfile::OpenBrowser(const std::string& profile, bool incognito,
         if (id == 0) return reply(absl::UnavailableError("the browser was closed at once"));
         reply(id);
       };
-  if (!incognito) return browser.OpenWindow(ContextOf(profile), std::move(options), on_window);
-  browser.OpenIncognitoWindow(
-      std::move(options), lifetime_.Guard([this](const std::string& context) {
-        incognitos_.push_back({absl::StrCat(id(), "-incognito-", ++last_incognito_), context});
-        host_.on_change();
-      }),
-      on_window);
+  if (!incognito) return browser.OpenWindow(ContextOf(profile), options, on_window);
+  browser.OpenIncognitoWindow(options, lifetime_.Guard([this](const std::string& context) {
+    incognitos_.push_back({absl::StrCat(id(), "-incognito-", ++last_incognito_), context});
+    host_.on_change();
+  }),
+                              on_window);
 }
 
 ProfileBrowser& LiveProfile::Browser(const UserAgent& user_agent) {

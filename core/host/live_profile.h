@@ -70,7 +70,7 @@ class LiveProfile : private ProfileBrowser::Visitor {
   // Opens a browser in `profile`, which is itself or one of its incognito profiles; with
   // `incognito`, in a new one of these. `user_agent` counts the first time.
   void OpenBrowser(const std::string& profile, bool incognito, const UserAgent& user_agent,
-                   WindowOptions options, Reply<int64_t> reply);
+                   const WindowOptions& options, Reply<int64_t> reply);
   void CloseBrowser(int64_t id, Reply<Done> reply);
   // Closes all its windows.
   void CloseIncognito(const std::string& id, const Reply<Done>& reply);

@@ -22,10 +22,10 @@ bool HasFrames(const TargetSession& session) {
 
 LiveBrowser::LiveBrowser(net::EventLoop& loop, TaskThread& files, DevToolsPipe& devtools,
                          const UserAgent& user_agent, bool is_headless, QuestionAsker& asker,
-                         RequestGate::QuestionKeys question_keys, WindowVisitor& visitor)
+                         const RequestGate::QuestionKeys& question_keys, WindowVisitor& visitor)
     : devtools_(devtools),
       is_headless_(is_headless),
-      gate_(std::make_unique<RequestGate>(devtools, files, asker, std::move(question_keys))),
+      gate_(std::make_unique<RequestGate>(devtools, files, asker, question_keys)),
       contexts_(devtools, is_headless,
                 [&visitor](const std::string& context) { visitor.OnContextClosed(context); }),
       windows_(devtools, contexts_, is_headless, visitor),

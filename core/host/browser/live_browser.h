@@ -33,7 +33,7 @@ class LiveBrowser : private TargetSessions::Visitor {
  public:
   LiveBrowser(net::EventLoop& loop, TaskThread& files, DevToolsPipe& devtools,
               const UserAgent& user_agent, bool is_headless, QuestionAsker& asker,
-              RequestGate::QuestionKeys question_keys, WindowVisitor& visitor);
+              const RequestGate::QuestionKeys& question_keys, WindowVisitor& visitor);
   LiveBrowser(const LiveBrowser&) = delete;
   LiveBrowser& operator=(const LiveBrowser&) = delete;
 
