@@ -12,6 +12,8 @@ namespace varnic::bench {
 namespace {
 
 constexpr std::size_t kFramingBytes = 5;
+// What has come at once is answered in pieces, so that the server has something to do meanwhile.
+constexpr std::size_t kStepBytes = 2 << 10;
 constexpr std::int32_t kConnectionWindowBytes = 64 << 20;
 constexpr std::uint32_t kStreamWindowBytes = 1 << 20;
 
@@ -110,12 +112,17 @@ void GrpcConnection::Send(GrpcCall& call, std::string_view framed, bool half_clo
 }
 
 void GrpcConnection::Read() {
-  const std::string_view bytes = socket_.Read();
-  if (bytes.empty()) return;
+  std::string_view bytes = socket_.Read();
+  for (; !bytes.empty(); bytes.remove_prefix(std::min(bytes.size(), kStepBytes))) {
+    Process(bytes.substr(0, kStepBytes));
+    Flush();
+  }
+}
+
+void GrpcConnection::Process(std::string_view bytes) {
   const ssize_t read = nghttp2_session_mem_recv(
       session_.get(), reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
   if (read < 0) Fail(nghttp2_strerror(static_cast<int>(read)));
-  Flush();
 }
 
 void GrpcConnection::Flush() {

@@ -70,6 +70,7 @@ class GrpcConnection {
 
   void Greet();
   void ReadOnceWaiting();
+  void Process(std::string_view bytes);
   void OnData(GrpcCall& call, std::string_view bytes);
 
   static ssize_t OnSend(nghttp2_session* session, std::int32_t stream_id, std::uint8_t* buffer,

@@ -26,8 +26,8 @@ ROW_NOTES = [
     "The server had less than 0.9 of its core where there is a mark, and so could have done more. A "
     "star: the load generator had more than 0.9 of its own, and the figure may be the generator's. A "
     "dagger: neither was busy all the time. On a machine that does nothing else they wait for each "
-    "other: with one connection they work by turns, whole batches at a time, so that the rate is of "
-    "both together, and only the CPU is the server's alone. Otherwise both wait for a core.",
+    "other, so that the rate is of both together, and only the CPU is the server's alone. Otherwise "
+    "both wait for a core.",
     "Epoll echo's batches have no framing to keep.",
     "Memory is the process's own; what the kernel keeps for a socket comes on top for everybody.",
 ]
