@@ -2,7 +2,6 @@
 
 #include <google/protobuf/message_lite.h>
 
-#include <algorithm>
 #include <tuple>
 
 #include "core/net/message_framing.h"
@@ -13,8 +12,7 @@ namespace {
 
 // `framed` has room for the prefix and `size` bytes, which is what the message takes.
 void Frame(const google::protobuf::MessageLite& message, std::size_t size, char* framed) {
-  const MessagePrefix prefix = MakeMessagePrefix(static_cast<uint32_t>(size));
-  char* payload = std::copy(prefix.begin(), prefix.end(), framed);
+  char* payload = WriteMessagePrefix(static_cast<uint32_t>(size), framed);
   message.SerializeWithCachedSizesToArray(reinterpret_cast<uint8_t*>(payload));
 }
 

@@ -1,6 +1,9 @@
 #include "core/net/message_framing.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
+#include <cstring>
 
 #include "absl/strings/str_cat.h"
 
@@ -23,6 +26,14 @@ MessagePrefix MakeMessagePrefix(uint32_t message_size, bool compressed) {
   return {static_cast<char>(compressed ? 1 : 0), static_cast<char>(message_size >> 24),
           static_cast<char>(message_size >> 16), static_cast<char>(message_size >> 8),
           static_cast<char>(message_size)};
+}
+
+// In one piece: whoever copies bytes that were written one by one waits for all of them.
+char* WriteMessagePrefix(uint32_t message_size, char* out) {
+  const uint32_t size = htonl(message_size);
+  *out = 0;
+  std::memcpy(out + 1, &size, sizeof(size));
+  return out + 1 + sizeof(size);
 }
 
 absl::Status MessageReader::Read(std::string_view chunk, OnMessage on_message) {

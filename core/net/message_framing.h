@@ -17,6 +17,8 @@ namespace varnic::net {
 using MessagePrefix = std::array<char, 5>;
 
 MessagePrefix MakeMessagePrefix(uint32_t message_size, bool compressed = false);
+// The same, of a message that is not compressed, to `out`. Returns where the message goes.
+char* WriteMessagePrefix(uint32_t message_size, char* out);
 
 // Cuts the DATA of one direction of a call into messages. DATA frames may break it anywhere.
 //

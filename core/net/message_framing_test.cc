@@ -49,6 +49,9 @@ absl::Status IgnoreMessage(std::string_view, bool) {
 TEST(MessagePrefixTest, ThePrefixIsTheFlagAndTheBigEndianLength) {
   EXPECT_THAT(MakeMessagePrefix(0), ElementsAre(0, 0, 0, 0, 0));
   EXPECT_THAT(MakeMessagePrefix(0x01020304), ElementsAre(0, 1, 2, 3, 4));
+  MessagePrefix written;
+  EXPECT_EQ(WriteMessagePrefix(0x01020304, written.data()), written.data() + written.size());
+  EXPECT_THAT(written, ElementsAre(0, 1, 2, 3, 4));
   EXPECT_THAT(MakeMessagePrefix(0xFFFFFFFE, /*compressed=*/true),
               ElementsAre(1, '\xFF', '\xFF', '\xFF', '\xFE'));
 }

@@ -43,8 +43,7 @@ class TypedMessage {
   // `framed` has room for that.
   void Frame(char* framed) const {
     const auto size = static_cast<uint32_t>(payload_.size() + id_size_);
-    const net::MessagePrefix prefix = net::MakeMessagePrefix(size);
-    char* end = std::copy(prefix.begin(), prefix.end(), framed);
+    char* end = net::WriteMessagePrefix(size, framed);
     end = std::copy(payload_.begin(), payload_.end(), end);
     if (call_id_field_ == 0) return;
     WireFormatLite::WriteInt64ToArray(call_id_field_, call_id_, reinterpret_cast<uint8_t*>(end));

@@ -24,7 +24,6 @@ namespace varnic {
 //   CANCELLED          the client unsubscribed, the stream completed, the asker withdrew the call
 //                      or destroyed the caller; in the last two cases, the client is told
 //   UNAVAILABLE        the stream is gone, or could not be written to
-//   ALREADY_EXISTS     somebody else has entered a call under this id, by hand, in the meantime
 //
 // What the client is told is a T with `profile_id`, `call_id` and the `error` "withdrawn", in an
 // envelope of kind ERROR: nobody waits for this answer any more.
@@ -64,7 +63,7 @@ class CallbackCaller final {
               absl::Duration timeout) {
     VARNIC_CHECK(on_response != nullptr && on_error != nullptr);
     const std::shared_ptr<OpenCalls<T>> calls = calls_;  // The caller may go while this sends.
-    return calls->Start(key, request, {std::move(on_response), std::move(on_error)}, timeout);
+    return calls->Start(key, request, std::move(on_response), std::move(on_error), timeout);
   }
 
   // Ends a call with CANCELLED, and tells the client. False if the call has ended already.

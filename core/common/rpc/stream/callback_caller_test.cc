@@ -864,34 +864,19 @@ TEST_F(CallbackCallerWithStreamTest, AnIdThatIsPendingUnderTheKeyIsPassedOver) {
     calls[id] = {[](const rpc::CanAccessFile&) {}, [&](int /*code*/) { ++cancelled; }};
   }
 
-  const CallId id = Ask("file");
+  Ask("file");
 
-  EXPECT_EQ(id, last + 4);
-  stream_.Receive(Answer("work"), id);
+  ASSERT_EQ(stream_.recording().sent().size(), 1u);
+  const auto& question = stream_.recording().sent()[0];
+  EXPECT_EQ(question.call_id(), last + 4);
+  EXPECT_EQ(Message(question).call_id(), last + 4);
+  stream_.Receive(Answer("work"), last + 4);
   EXPECT_THAT(ends_, ElementsAre("file allowed"));
   stream_.Receive(Control("work", false));
   EXPECT_EQ(cancelled, 3);
 }
 
-TEST_F(CallbackCallerWithStreamTest, AnIdThatIsPendingIsPassedOverInsideACallback) {
-  CallId second = 0;
-  int cancelled = 0;
-  const CallId first = Ask("first", [&] { second = Ask("second"); });
-  const CallId last = NextCallId();
-  stream_->pending_calls_.begin()->second[last + 1] = {[](const rpc::CanAccessFile&) {},
-                                                       [&](int /*code*/) { ++cancelled; }};
-
-  stream_.Receive(Answer("work"), first);
-  scheduler_.RunPosted();
-  stream_.Receive(Answer("work"), second);
-
-  EXPECT_EQ(second, last + 2);
-  EXPECT_THAT(ends_, ElementsAre("first allowed", "second allowed"));
-  stream_.Receive(Control("work", false));
-  EXPECT_EQ(cancelled, 1);
-}
-
-TEST_F(CallbackCallerWithStreamTest, AnIdThatIsTakenWhileTheCallIsPutOffIsReported) {
+TEST_F(CallbackCallerWithStreamTest, AnIdThatIsTakenWhileTheCallIsPutOffIsPassedOver) {
   CallId second = 0;
   const CallId first = Ask("first", [&] { second = Ask("second"); });
   stream_.Receive(Answer("work"), first);
@@ -901,7 +886,29 @@ TEST_F(CallbackCallerWithStreamTest, AnIdThatIsTakenWhileTheCallIsPutOffIsReport
 
   scheduler_.RunPosted();
 
-  EXPECT_THAT(ends_, ElementsAre("first allowed", "second ALREADY_EXISTS"));
+  ASSERT_EQ(stream_.recording().sent().size(), 2u);
+  const CallId sent = stream_.recording().sent()[1].call_id();
+  EXPECT_NE(sent, second);
+  stream_.Receive(Answer("work"), sent);
+  EXPECT_THAT(ends_, ElementsAre("first allowed", "second allowed"));
+  stream_.Receive(Control("work", false));
+  EXPECT_EQ(cancelled, 1);
+}
+
+TEST_F(CallbackCallerWithStreamTest, ACallWhoseIdWasPassedOverIsWithdrawnByItsOwnName) {
+  const CallId last = NextCallId();
+  auto& calls = stream_->pending_calls_.try_emplace(CloneKey(Profile("work"))).first->second;
+  int cancelled = 0;
+  calls[last + 1] = {[](const rpc::CanAccessFile&) {}, [&](int /*code*/) { ++cancelled; }};
+  const CallId id = Ask("file");
+
+  EXPECT_TRUE(caller_->Withdraw(id));
+  scheduler_.RunPosted();
+
+  EXPECT_THAT(ends_, ElementsAre("file CANCELLED"));
+  EXPECT_THAT(Sent(stream_), ElementsAre("file", "withdrawn"));
+  EXPECT_EQ(stream_.recording().sent()[1].call_id(), stream_.recording().sent()[0].call_id());
+  EXPECT_EQ(calls.size(), 1u);
   stream_.Receive(Control("work", false));
   EXPECT_EQ(cancelled, 1);
 }

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -31,6 +32,7 @@
 namespace varnic {
 
 // Names one call of any CallbackCaller. Never 0, and never used again in the life of the process.
+// On the wire the call has the same id, unless somebody has entered another one under it by hand.
 using CallId = std::int64_t;
 
 // For whoever else enters calls in the streams' tables. RPC thread only.
@@ -70,12 +72,13 @@ class OpenCalls final : public AbstractStream::EndObserver,
   }
   ~OpenCalls() override { All().erase(std::find(All().begin(), All().end(), this)); }
 
-  CallId Start(const Key& key, const Request& request, Callbacks&& callbacks,
+  CallId Start(const Key& key, const Request& request, OnResponse&& on_response, OnError&& on_error,
                absl::Duration timeout);
   bool Withdraw(CallId id) { return Abandon(id, absl::CancelledError("the call was withdrawn")); }
   void Close();
   std::size_t size() const { return calls_.size(); }
 
+  // They touch nothing of this once they have run a callback, which may destroy it.
   void OnAnswered(CallId id, const T& message);
   void OnFailed(CallId id, int code);
   void OnStreamEnded(const AbstractStream* stream) override;
@@ -96,7 +99,8 @@ class OpenCalls final : public AbstractStream::EndObserver,
     std::string question;  // Until it is sent.
     std::unique_ptr<Scheduler::Timer> timer;
     Stream* stream = nullptr;  // In whose table the call stands.
-    int tickets = 0;           // Of the table's, and of copies of what stands there.
+    CallId id_there = 0;
+    int tickets = 0;  // Of the table's, and of copies of what stands there.
   };
   class Ticket;
   class Walk;
@@ -106,21 +110,20 @@ class OpenCalls final : public AbstractStream::EndObserver,
     static auto& all = *new std::vector<OpenCalls*>;
     return all;
   }
-  // Whether there is something at `calls`.
+  // Whether there is something at `calls`. When it is about to go, it has no calls any more.
   static bool IsThere(const OpenCalls* calls);
-  // `calls`, unless it is gone or about to go.
-  static std::shared_ptr<OpenCalls> Lock(OpenCalls* calls);
   // Counts the tickets of a call that has not ended.
   void AddTicket(CallId id);
   void DropTicket(CallId id);
 
   // How a call begins.
   OpenCall& Add(CallId id);
-  // False if the client could not read the question.
-  bool WriteQuestion(const Key& key, const Request& request, CallId id, std::string& question);
+  // Without its id.
+  void WriteQuestion(const Key& key, const Request& request, std::string& question);
+  static void WriteId(CallId id, std::string& question);
   void Enter(CallId id);
-  // False if there is a call of that id already.
-  bool EnterInTable(Stream& stream, const Key& key, CallId id);
+  // Returns the id that the call has there.
+  CallId EnterInTable(Stream& stream, const Key& key, CallId id);
   bool SendQuestion(Stream& stream, CallId id, std::string& question);
   bool Send(Stream& stream, const ::rpc::transport::StreamMessage& envelope);
 
@@ -136,7 +139,7 @@ class OpenCalls final : public AbstractStream::EndObserver,
   void OnDeadline(CallId id);
   void EndLater(CallId id, const absl::Status& status);
   bool Abandon(CallId id, const absl::Status& status);
-  void TakeOutOfTable(const OpenCall& call, CallId id);
+  void TakeOutOfTable(const OpenCall& call);
   void TakeOutOfTableNow(const Place& place);
 
   void PutOff();
@@ -146,8 +149,6 @@ class OpenCalls final : public AbstractStream::EndObserver,
   static void PruneStreams(const Predicate& is_stale);
   static Stream* FindStream(const Key& key);
   static std::size_t CountCalls(const Stream& stream);
-  static bool IsPending(const Stream* stream, const Key& key, CallId id);
-  static CallId FreeId(const Key& key);
 
   Scheduler& scheduler_;
   const CallbackCallerOptions options_;
@@ -206,7 +207,7 @@ class OpenCalls<T>::Ticket {
   }
 
   void Fail(int code) const {
-    if (const auto calls = Lock(calls_)) calls->OnFailed(id_, code);
+    if (IsThere(calls_)) calls_->OnFailed(id_, code);
   }
 
  private:
@@ -217,11 +218,6 @@ class OpenCalls<T>::Ticket {
 template <class T>
 bool OpenCalls<T>::IsThere(const OpenCalls* calls) {
   return std::find(All().begin(), All().end(), calls) != All().end();
-}
-
-template <class T>
-std::shared_ptr<OpenCalls<T>> OpenCalls<T>::Lock(OpenCalls* calls) {
-  return IsThere(calls) ? calls->weak_from_this().lock() : nullptr;
 }
 
 template <class T>
@@ -249,8 +245,7 @@ typename OpenCalls<T>::OpenCall& OpenCalls<T>::Add(CallId id) {
 }
 
 template <class T>
-bool OpenCalls<T>::WriteQuestion(const Key& key, const Request& request, CallId id,
-                                 std::string& question) {
+void OpenCalls<T>::WriteQuestion(const Key& key, const Request& request, std::string& question) {
   question.clear();
   // Most questions are for the key of the one before.
   if (last_key_field_.empty() || !MessageEqual()(&key, &last_key_)) {
@@ -260,8 +255,10 @@ bool OpenCalls<T>::WriteQuestion(const Key& key, const Request& request, CallId 
   }
   question.append(last_key_field_);
   AppendMessageField(T::kRequestFieldNumber, request, question);
-  // Before the id comes behind it: with that, no question would look plain.
-  if (!IsReadable(T::default_instance(), question)) return false;
+}
+
+template <class T>
+void OpenCalls<T>::WriteId(CallId id, std::string& question) {
   static const auto id_type = T::descriptor()->FindFieldByNumber(T::kCallIdFieldNumber)->type();
   if (id_type == google::protobuf::FieldDescriptor::TYPE_INT64) {
     AppendInt64Field(T::kCallIdFieldNumber, id, question);
@@ -270,26 +267,28 @@ bool OpenCalls<T>::WriteQuestion(const Key& key, const Request& request, CallId 
     number.set_call_id(id);
     number.AppendToString(&question);
   }
-  return true;
 }
 
 template <class T>
-CallId OpenCalls<T>::Start(const Key& key, const Request& request, Callbacks&& callbacks,
-                           absl::Duration timeout) {
-  const CallId id = FreeId(key);
+CallId OpenCalls<T>::Start(const Key& key, const Request& request, OnResponse&& on_response,
+                           OnError&& on_error, absl::Duration timeout) {
+  const CallId id = NextCallId();
   if (closed_) {
-    scheduler_.Post([on_error = std::move(callbacks.on_error)] {
-      on_error(absl::CancelledError("the caller is gone"));
-    });
+    scheduler_.Post(
+        [on_error = std::move(on_error)] { on_error(absl::CancelledError("the caller is gone")); });
     return id;
   }
   OpenCall& call = Add(id);
+  WriteQuestion(key, request, call.question);
   call.key = key;
-  call.callbacks = std::move(callbacks);
-  if (!WriteQuestion(key, request, id, call.question)) {
+  call.callbacks.on_response = std::move(on_response);
+  call.callbacks.on_error = std::move(on_error);
+  // Before the id comes behind it: with that, no question would look plain.
+  if (!IsReadable(T::default_instance(), call.question)) {
     EndLater(id, absl::InvalidArgumentError("the question has text that is no UTF-8"));
     return id;
   }
+  WriteId(id, call.question);
   if (timeout != absl::InfiniteDuration()) {
     call.timer = scheduler_.RunAfter(timeout, [weak = this->weak_from_this(), id] {
       if (const auto calls = weak.lock()) calls->OnDeadline(id);
@@ -374,31 +373,34 @@ void OpenCalls<T>::Enter(CallId id) {
     EndLater(id, absl::NotFoundError("nobody answers for {" + call.key.ShortDebugString() + "}"));
   } else if (CountCalls(*stream) >= options_.max_open_calls_per_stream) {
     EndLater(id, absl::ResourceExhaustedError("the client has too many open calls"));
-  } else if (!EnterInTable(*stream, call.key, id)) {
-    EndLater(id, absl::AlreadyExistsError("somebody else has taken the call's id"));
   } else {
+    call.id_there = EnterInTable(*stream, call.key, id);
     call.stream = stream;
-    if (!SendQuestion(*stream, id, call.question)) {
+    if (call.id_there != id) WriteId(call.id_there, call.question);  // The last one counts.
+    if (!SendQuestion(*stream, call.id_there, call.question)) {
       Abandon(id, absl::UnavailableError("the client's stream cannot be written to"));
     }
   }
 }
 
 template <class T>
-bool OpenCalls<T>::EnterInTable(Stream& stream, const Key& key, CallId id) {
+CallId OpenCalls<T>::EnterInTable(Stream& stream, const Key& key, CallId id) {
+  typename Stream::StreamCall call = {
+      // Small and plain enough to need no memory of its own, as a ticket would.
+      [calls = this, id](const T& message) {
+        if (IsThere(calls)) calls->OnAnswered(id, message);
+      },
+      [ticket = Ticket(*this, id)](int code) { ticket.Fail(code); },
+  };
   auto entry = stream.pending_calls_.find(&key);
   if (entry == stream.pending_calls_.end()) {
     entry = stream.pending_calls_.try_emplace(CloneKey(key)).first;
   }
-  const auto [place, is_new] = entry->second.try_emplace(id);
-  if (!is_new) return false;
-  auto& stream_call = place->second;
-  // Small and plain enough to need no memory of its own, as a ticket would.
-  stream_call.on_response = [calls = this, id](const T& message) {
-    if (const auto locked = Lock(calls)) locked->OnAnswered(id, message);
-  };
-  stream_call.on_error = [ticket = Ticket(*this, id)](int code) { ticket.Fail(code); };
-  return true;
+  auto [place, is_new] = entry->second.try_emplace(id, std::move(call));
+  while (!is_new) {
+    std::tie(place, is_new) = entry->second.try_emplace(NextCallId(), std::move(call));
+  }
+  return place->first;
 }
 
 // Takes the question's text, and leaves memory for another one.
@@ -459,7 +461,7 @@ template <class T>
 void OpenCalls<T>::OnDeadline(CallId id) {
   std::unique_ptr<OpenCall> call = Take(id);
   if (call == nullptr) return;
-  TakeOutOfTable(*call, id);
+  TakeOutOfTable(*call);
   Release(std::move(call))
       .on_error(absl::DeadlineExceededError("the client did not answer in time"));
 }
@@ -476,19 +478,19 @@ template <class T>
 bool OpenCalls<T>::Abandon(CallId id, const absl::Status& status) {
   std::unique_ptr<OpenCall> call = Take(id);
   if (call == nullptr) return false;
-  TakeOutOfTable(*call, id);
+  TakeOutOfTable(*call);
   ends_.Add([callbacks = Release(std::move(call)), status] { callbacks.on_error(status); });
   return true;
 }
 
 template <class T>
-void OpenCalls<T>::TakeOutOfTable(const OpenCall& call, CallId id) {
+void OpenCalls<T>::TakeOutOfTable(const OpenCall& call) {
   if (call.stream == nullptr) return;
   if (Walk::IsOnStack()) {
-    to_take_out_.push_back({call.stream, call.key, id});
+    to_take_out_.push_back({call.stream, call.key, call.id_there});
     PutOff();
   } else {
-    TakeOutOfTableNow({call.stream, call.key, id});
+    TakeOutOfTableNow({call.stream, call.key, call.id_there});
   }
 }
 
@@ -563,21 +565,6 @@ std::size_t OpenCalls<T>::CountCalls(const Stream& stream) {
   std::size_t calls = 0;
   for (const auto& entry : stream.pending_calls_) calls += entry.second.size();
   return calls;
-}
-
-template <class T>
-bool OpenCalls<T>::IsPending(const Stream* stream, const Key& key, CallId id) {
-  if (stream == nullptr) return false;
-  const auto entry = stream->pending_calls_.find(&key);
-  return entry != stream->pending_calls_.end() && entry->second.count(id) != 0;
-}
-
-template <class T>
-CallId OpenCalls<T>::FreeId(const Key& key) {
-  const Stream* stream = FindStream(key);
-  CallId id = NextCallId();
-  while (IsPending(stream, key, id)) id = NextCallId();
-  return id;
 }
 
 }  // namespace varnic
