@@ -4,13 +4,12 @@
 #include <google/protobuf/descriptor.pb.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <iterator>
 #include <vector>
 
 #include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/str_split.h"
+#include "compiler/cpp_layout.h"
 #include "compiler/cpp_names.h"
 
 namespace varnic::compiler {
@@ -18,6 +17,8 @@ namespace {
 
 using google::protobuf::Descriptor;
 using google::protobuf::DescriptorPool;
+using google::protobuf::EnumDescriptor;
+using google::protobuf::EnumValueDescriptor;
 using google::protobuf::FileDescriptor;
 using google::protobuf::FileDescriptorProto;
 using google::protobuf::MethodDescriptor;
@@ -25,18 +26,25 @@ using google::protobuf::ServiceDescriptor;
 using google::protobuf::SourceLocation;
 using google::protobuf::compiler::cpp::ClassName;
 
-// What the members of a skeleton and of a client are called, and what their bodies refer to.
-constexpr const char* kSkeletonNames[] = {
-    "AssignDescriptors",    "CallMethod", "GetDescriptor", "GetRequestPrototype",
-    "GetResponsePrototype", "OpenStream", "descriptor",    "init_service_descriptors_flag"};
-constexpr const char* kClientNames[] = {"MethodAt", "client_"};
-// What a skeleton's source has beside its class.
-constexpr const char* kFileNames[] = {"AssignDescriptors", "add_descriptors_runner",
-                                      "init_service_descriptors_flag"};
+constexpr char kTaken[] = "its name means something else; rename it";
 
-template <std::size_t kNames>
-bool Contains(const char* const (&names)[kNames], const std::string& name) {
-  return std::find(std::begin(names), std::end(names), name) != std::end(names);
+// What the members of a skeleton are called, and what their bodies refer to.
+std::vector<std::string> SkeletonNames(const FileDescriptor& file) {
+  return {
+      "AssignDescriptors",         "CallMethod", "GetDescriptor", "GetRequestPrototype",
+      "GetResponsePrototype",      "OpenStream", "descriptor",    "init_service_descriptors_flag",
+      DescriptorArray(file.name())};
+}
+
+// The same of a client.
+std::vector<std::string> ClientNames() {
+  return {"MethodAt", "client_"};
+}
+
+// What a skeleton's source has beside its class.
+std::vector<std::string> FileNames(const FileDescriptor& file) {
+  return {"AssignDescriptors", "add_descriptors_runner", "init_service_descriptors_flag",
+          DescriptorArray(file.name())};
 }
 
 // "p.A.B in x.proto:7", or without the line where the descriptors do not know it.
@@ -53,16 +61,28 @@ std::string Place(const DescriptorType& what) {
   return PlaceIn(*what.file(), what);
 }
 
-// The place of a message or an enum inside `type` that has this class in C++, which is nested in no
-// other; empty if there is none.
-std::string FindNestedClass(const Descriptor& type, const std::string& name) {
+// The place of a nested enum, or of one of its values, that is called so in C++; empty if neither
+// is.
+std::string FindNestedEnum(const EnumDescriptor& type, const std::string& name) {
+  const std::string class_name = ClassName(&type);
+  if (class_name == name) return Place(type);
+  for (int i = 0; i < type.value_count(); ++i) {
+    const EnumValueDescriptor& value = *type.value(i);
+    if (absl::StrCat(class_name, "_", value.name()) == name) return PlaceIn(*type.file(), value);
+  }
+  return "";
+}
+
+// The place of what is inside `type`, and called so in C++, where nothing is nested in a message;
+// empty if there is nothing.
+std::string FindNested(const Descriptor& type, const std::string& name) {
   for (int i = 0; i < type.enum_type_count(); ++i) {
-    if (ClassName(type.enum_type(i)) == name) return Place(*type.enum_type(i));
+    const std::string clash = FindNestedEnum(*type.enum_type(i), name);
+    if (!clash.empty()) return clash;
   }
   for (int i = 0; i < type.nested_type_count(); ++i) {
     const Descriptor& nested = *type.nested_type(i);
-    const std::string clash =
-        ClassName(&nested) == name ? Place(nested) : FindNestedClass(nested, name);
+    const std::string clash = ClassName(&nested) == name ? Place(nested) : FindNested(nested, name);
     if (!clash.empty()) return clash;
   }
   return "";
@@ -71,7 +91,7 @@ std::string FindNestedClass(const Descriptor& type, const std::string& name) {
 // What in the package C++ calls so, as "p.A.B in x.proto:7"; empty if there is nothing.
 std::string FindClash(const FileDescriptor& file, const std::string& name) {
   for (int i = 0; i < file.message_type_count(); ++i) {
-    const std::string clash = FindNestedClass(*file.message_type(i), name);
+    const std::string clash = FindNested(*file.message_type(i), name);
     if (!clash.empty()) return clash;
   }
   const std::string full_name =
@@ -102,10 +122,10 @@ void CheckFile(const FileDescriptor& file, Faults& faults) {
                                   " cannot be a C++ namespace, as C++ or a macro may mean `", part,
                                   "` otherwise; rename it"));
   }
-  if (!package.empty() && package.front() == "varnic") {
+  if (!package.empty() && (package.front() == "varnic" || package.front() == "absl")) {
     faults.AddToFile({FileDescriptorProto::kPackageFieldNumber},
-                     absl::StrCat("the package ", file.package(),
-                                  " is a namespace of the library itself; rename it"));
+                     absl::StrCat("the package ", file.package(), " is in the namespace ",
+                                  package.front(), " of a library; rename it"));
   }
 }
 
@@ -128,13 +148,10 @@ void AddMethod(const MethodDescriptor& method, const std::string& class_name,
 }
 
 // Of one class: what its functions are called.
-template <std::size_t kNames>
 void CheckName(const MethodDescriptor& method, const std::string& class_name,
-               const char* const (&names)[kNames], Faults& faults) {
-  const std::string& name = method.name();
-  if (Contains(names, name) || name == class_name) {
-    AddMethod(method, class_name, "its name means something else; rename it", faults);
-  }
+               const std::vector<std::string>& names, Faults& faults) {
+  const bool is_taken = std::find(names.begin(), names.end(), method.name()) != names.end();
+  if (is_taken || method.name() == class_name) AddMethod(method, class_name, kTaken, faults);
 }
 
 // A unary method has a waiting form, beside which another method would stand.
@@ -150,20 +167,21 @@ void CheckWaitingForm(const MethodDescriptor& method, Faults& faults) {
 
 void CheckSkeleton(const ServiceDescriptor& service, Faults& faults) {
   CheckClass(service, SkeletonClass(service), faults);
-  for (const std::string name : kFileNames) {
+  for (const std::string& name : FileNames(*service.file())) {
     const std::string clash = FindClash(*service.file(), name);
     if (clash.empty()) continue;
     faults.Add(service, absl::StrCat("has a skeleton with its own ", name, "; rename ", clash));
   }
+  const std::vector<std::string> names = SkeletonNames(*service.file());
   for (int i = 0; i < service.method_count(); ++i) {
-    CheckName(*service.method(i), SkeletonClass(service), kSkeletonNames, faults);
+    CheckName(*service.method(i), SkeletonClass(service), names, faults);
   }
 }
 
 void CheckClient(const ServiceDescriptor& service, Faults& faults) {
   CheckClass(service, ClientClass(service), faults);
   for (int i = 0; i < service.method_count(); ++i) {
-    CheckName(*service.method(i), ClientClass(service), kClientNames, faults);
+    CheckName(*service.method(i), ClientClass(service), ClientNames(), faults);
     CheckWaitingForm(*service.method(i), faults);
   }
 }
@@ -180,6 +198,10 @@ std::string ClientClass(const ServiceDescriptor& service) {
 
 std::string WaitingForm(const std::string& method_name) {
   return absl::StrCat(method_name, "AndWait");
+}
+
+std::string DescriptorArray(const std::string& proto_file) {
+  return absl::StrCat("file_level_service_descriptors_", MangledPath(proto_file));
 }
 
 void CheckNames(const ServiceDescriptor& service, const Parts& parts, Faults& faults) {

@@ -18,6 +18,8 @@ std::string SkeletonClass(const google::protobuf::ServiceDescriptor& service);
 std::string ClientClass(const google::protobuf::ServiceDescriptor& service);
 // What the client's class calls the waiting form of a unary method: its name and "AndWait".
 std::string WaitingForm(const std::string& method_name);
+// What the skeleton's source calls the array of the file's service descriptors.
+std::string DescriptorArray(const std::string& proto_file);
 
 // Adds a fault for each name that C++ or the generated code means otherwise: of the file that the
 // service stands in, of its package, of the service and of its methods.

@@ -51,7 +51,8 @@ TEST(NameRulesTest, MethodThatLooksLikeAKeywordIsNone) {
 }
 
 TEST(NameRulesTest, MethodThatTheSkeletonHasAlreadyIsAnError) {
-  for (const std::string name : {"GetDescriptor", "descriptor", "OpenStream", "SRpc"}) {
+  for (const std::string name : {"GetDescriptor", "descriptor", "OpenStream", "SRpc",
+                                 "file_level_service_descriptors_x_2eproto"}) {
     EXPECT_EQ(MethodFault(name),
               absl::StrCat("x.proto:4: S.", name,
                            " cannot be a method of the C++ class SRpc, where its name means "
@@ -107,6 +108,23 @@ TEST(NameRulesTest, NestedMessageWithTheNameOfAClassInCppIsAnError) {
             "one of them");
 }
 
+// In C++, the values of a nested enum stand in the package, too.
+TEST(NameRulesTest, ValueOfANestedEnumWithTheNameOfAClassIsAnError) {
+  EXPECT_EQ(Fault("message A { message B { enum E {\n CRpc = 0; } } }\nservice A_B_E_C {}"),
+            "x.proto:4: A_B_E_C has the C++ class A_B_E_CRpc, and so has A.B.CRpc in x.proto:3; "
+            "rename one of them");
+  EXPECT_EQ(Fault("message A { message B { enum E {\n CClient = 0; } } }\nservice A_B_E_C {}"),
+            "x.proto:4: A_B_E_C has the C++ class A_B_E_CClient, and so has A.B.CClient in "
+            "x.proto:3; rename one of them");
+}
+
+TEST(NameRulesTest, ServiceWhoseClassIsNoNameOfCppIsAnError) {
+  EXPECT_EQ(Fault("\nservice _S {}", kSkeleton),
+            "x.proto:3: _S cannot have the C++ class _SRpc; rename it");
+  EXPECT_EQ(Fault("\nservice _S {}", kClient),
+            "x.proto:3: _S cannot have the C++ class _SClient; rename it");
+}
+
 TEST(NameRulesTest, ServiceOfThePackageWithTheNameOfAClassIsAnError) {
   ProtoTexts protos;
   protos.Add("y.proto", "syntax = \"proto3\"; package p; service ProfileClient {}");
@@ -144,9 +162,11 @@ TEST(NameRulesTest, PackageThatIsNoNamespaceIsAnError) {
             "mean `delete` otherwise; rename it");
 }
 
-TEST(NameRulesTest, PackageOfTheLibraryItselfIsAnError) {
+TEST(NameRulesTest, PackageOfALibraryIsAnError) {
   EXPECT_EQ(Fault("package varnic.net;\nservice S {}"),
-            "x.proto:2: the package varnic.net is a namespace of the library itself; rename it");
+            "x.proto:2: the package varnic.net is in the namespace varnic of a library; rename it");
+  EXPECT_EQ(Fault("package absl;\nservice S {}"),
+            "x.proto:2: the package absl is in the namespace absl of a library; rename it");
   EXPECT_THAT(Fault("package shop.varnic;\nservice S {}"), IsEmpty());
 }
 

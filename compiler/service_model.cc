@@ -103,7 +103,17 @@ MethodModel::Kind KindOf(const MethodDescriptor& method, const Parts& parts, Fau
   return MethodModel::Kind::kUnary;
 }
 
+// protobuf makes a message of each map field, and a class for it that is none of a message.
+void CheckType(const MethodDescriptor& method, const Descriptor& type, Faults& faults) {
+  if (!type.options().map_entry()) return;
+  faults.Add(method,
+             absl::StrCat("takes or returns ", type.full_name(),
+                          ", an entry of a map field; declare a message of its own for it"));
+}
+
 MethodModel ModelOf(const MethodDescriptor& method, const Parts& parts, Faults& faults) {
+  CheckType(method, *method.input_type(), faults);
+  if (method.output_type() != method.input_type()) CheckType(method, *method.output_type(), faults);
   MethodModel model;
   model.name = method.name();
   model.kind = KindOf(method, parts, faults);

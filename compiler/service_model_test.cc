@@ -121,12 +121,34 @@ std::string CallbackFault(const std::string& fields, const Parts& parts = {}) {
 }
 
 TEST(ServiceModelTest, TypeThatMakesNoCallbackStreamIsAnError) {
-  EXPECT_EQ(CallbackFault("Id profile_id = 1;"),
-            "x.proto:4: S.F is a callback stream, so its type M needs a field `ProfileId "
-            "profile_id`, the key that the client answers for");
+  EXPECT_EQ(
+      CallbackFault("Id profile_id = 1;"),
+      "x.proto:4: S.F is a callback stream, so its type M needs a field `ProfileId "
+      "profile_id` of the type in rpc/identifiers.proto, the key that the client answers for");
   EXPECT_EQ(CallbackFault("ProfileId profile_id = 1;", Parts{/*skeleton=*/true, /*client=*/false}),
             "x.proto:4: S.F is a callback stream, so its type M needs `bool subscribe = 2` in a "
             "oneof `kind`");
+  EXPECT_EQ(CallbackFault("ProfileId profile_id = 1; oneof kind { bool subscribe = 2; }"),
+            "x.proto:4: S.F is a callback stream, so its type M needs a message field "
+            "`response = 4` in the oneof `kind`");
+}
+
+TEST(ServiceModelTest, KeyOfAnotherPackageIsAnErrorThatSaysWhoseTypeIsMeant) {
+  EXPECT_EQ(
+      Fault("package p; message ProfileId {} message M { ProfileId profile_id = 1; }\n"
+            "service S {\n  rpc F(stream M) returns (stream M);\n}"),
+      "x.proto:4: p.S.F is a callback stream, so its type p.M needs a field `ProfileId "
+      "profile_id` of the type in rpc/identifiers.proto, the key that the client answers for");
+}
+
+TEST(ServiceModelTest, EntryOfAMapIsNoMessageOfAMethod) {
+  constexpr char kEntry[] = ", an entry of a map field; declare a message of its own for it";
+  const std::string map = "message M { map<string, string> words = 1; }\nservice S {\n";
+
+  EXPECT_EQ(Fault(map + "  rpc F(M) returns (M.WordsEntry);\n}"),
+            absl::StrCat("x.proto:4: S.F takes or returns M.WordsEntry", kEntry));
+  EXPECT_EQ(Fault(map + "  rpc F(M.WordsEntry) returns (M.WordsEntry);\n}"),
+            absl::StrCat("x.proto:4: S.F takes or returns M.WordsEntry", kEntry));
 }
 
 TEST(ServiceModelTest, CallbackTypeOfAClientNeedsItsOwnQuestionAndAnswer) {

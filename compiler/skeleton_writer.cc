@@ -8,6 +8,7 @@
 #include "absl/strings/strip.h"
 #include "compiler/cpp_layout.h"
 #include "compiler/file_frame.h"
+#include "compiler/name_rules.h"
 
 namespace varnic::compiler {
 namespace {
@@ -74,9 +75,8 @@ std::string SourceIncludes(const ServiceModel& model) {
 // The file's only service, looked up once; and the registration of the file, which holds whichever
 // of its objects the linker has kept.
 std::string DescriptorLookUp(const ServiceModel& model) {
-  const std::string mangled = MangledPath(model.proto_file);
-  const std::string table = absl::StrCat("&::descriptor_table_", mangled);
-  const std::string array = absl::StrCat("file_level_service_descriptors_", mangled);
+  const std::string table = absl::StrCat("&::descriptor_table_", MangledPath(model.proto_file));
+  const std::string array = DescriptorArray(model.proto_file);
   return absl::StrCat(
       "namespace {\n\n"
       "::std::once_flag init_service_descriptors_flag;\n",

@@ -35,7 +35,8 @@ StreamKind KindOfStream(const MethodDescriptor& method) {
 
 std::string CallbackTypeFault(const Descriptor& type) {
   if (!IsKey(type.FindFieldByName("profile_id"))) {
-    return "a field `ProfileId profile_id`, the key that the client answers for";
+    return "a field `ProfileId profile_id` of the type in rpc/identifiers.proto, the key that the "
+           "client answers for";
   }
   const OneofDescriptor* kind = type.FindOneofByName("kind");
   if (kind == nullptr || !IsMember(type.FindFieldByName("subscribe"), *kind, kSubscribeNumber,

@@ -94,7 +94,10 @@ TEST_F(StreamKindTest, AnyOtherStreamOnBothSidesIsPlain) {
 }
 
 TEST_F(StreamKindTest, CallbackTypeNeedsTheKey) {
-  constexpr char kFault[] = "a field `ProfileId profile_id`, the key that the client answers for";
+  constexpr char kFault[] =
+      "a field `ProfileId profile_id` of the type in rpc/identifiers.proto, the key that the "
+      "client "
+      "answers for";
 
   EXPECT_EQ(Fault("oneof kind { bool subscribe = 2; BrowserId response = 4; }"), kFault);
   EXPECT_EQ(Fault("string profile_id = 1;"), kFault);
