@@ -25,6 +25,8 @@ class ServedProfiles {
                                                               const HostOptions& options);
 
   host::Profiles& profiles() { return *profiles_; }
+  // Who asks the clients; null for the files of a user-data directory, about which nobody asks.
+  const host::QuestionAsker* asker() const { return asker_.get(); }
 
  private:
   ServedProfiles() = default;

@@ -19,6 +19,7 @@
 #include "core/host/network_watcher.h"
 #include "core/host/profile_host.h"
 #include "core/host/profiles.h"
+#include "core/host/question_asker.h"
 #include "core/net/address.h"
 #include "core/net/event_loop.h"
 #include "core/net/log_field.h"
@@ -32,6 +33,7 @@
 #include "tools/log_output.h"
 #include "tools/served_profiles.h"
 #include "tools/service_manager.h"
+#include "tools/standard_files.h"
 #include "tools/version.h"
 
 namespace varnic::tools {
@@ -158,6 +160,16 @@ void OnStopSignal(RpcServer& server, host::Profiles* profiles, int signal) {
   server.Drain(kPatience, [&server, profiles] { profiles->Close([&server] { server.Stop(); }); });
 }
 
+// What the server does not know. The asker, which outlives the metrics, may be null.
+void AddQuestions(ServerMetrics& metrics, const host::QuestionAsker* asker) {
+  if (asker == nullptr) return;
+  metrics.AddGauge("varnic_host_open_questions", "Questions that nobody has answered yet.",
+                   [asker] { return static_cast<double>(asker->open_questions()); });
+  metrics.AddCounter("varnic_host_questions_over_limit_total",
+                     "Questions that nobody was asked, because too many were open.",
+                     [asker] { return static_cast<double>(asker->questions_over_limit()); });
+}
+
 // Null without --metrics.
 absl::StatusOr<std::unique_ptr<MetricsEndpoint>> ServeMetrics(RpcServer& server,
                                                               const ServerMetrics& metrics,
@@ -218,7 +230,8 @@ int Serve(const HostOptions& options, const std::vector<InheritedSocket>& inheri
   }
   const auto addresses = ListenEverywhere(server, options, inherited);
   if (!addresses.ok()) return Fail(Text(addresses.status()));
-  const ServerMetrics metrics(server);
+  ServerMetrics metrics(server);
+  AddQuestions(metrics, (*served)->asker());
   const auto metrics_endpoint = ServeMetrics(server, metrics, options);
   if (!metrics_endpoint.ok()) {
     return Fail(absl::StrCat("--metrics: ", Text(metrics_endpoint.status())));
@@ -270,6 +283,7 @@ int Main(const std::vector<std::string>& arguments) {
 }  // namespace varnic::tools
 
 int main(int argc, char** argv) {
+  if (!varnic::tools::ReserveStandardFiles()) return 1;
   // Whoever read the output may be gone.
   std::signal(SIGPIPE, SIG_IGN);
   return varnic::tools::Main(std::vector<std::string>(argv + 1, argv + argc));

@@ -17,6 +17,7 @@
 #include "tools/ctl_help.h"
 #include "tools/default_paths.h"
 #include "tools/run_stream_command.h"
+#include "tools/standard_files.h"
 #include "tools/version.h"
 
 namespace varnic::tools {
@@ -91,6 +92,7 @@ int Main(const std::vector<std::string>& arguments) {
 }  // namespace varnic::tools
 
 int main(int argc, char** argv) {
+  if (!varnic::tools::ReserveStandardFiles()) return 1;
   // A reader that is gone is an error like others.
   std::signal(SIGPIPE, SIG_IGN);
   return varnic::tools::Main(std::vector<std::string>(argv + 1, argv + argc));

@@ -309,8 +309,14 @@ class BrowserTestCase(unittest.TestCase):
         return answerer
 
     def subscriptions(self):
+        return self.metric("varnic_subscriptions")
+
+    def open_questions(self):
+        return self.metric("varnic_host_open_questions")
+
+    def metric(self, name):
         page = programs.metrics(self.host)
-        return int(re.search("^varnic_subscriptions ([0-9]+)$", page, re.MULTILINE)[1])
+        return int(re.search(f"^{name} ([0-9]+)$", page, re.MULTILINE)[1])
 
     def browser_pid(self, profile="default"):
         """The browser's process, as its own lock on the profile tells it; None without one."""

@@ -89,6 +89,15 @@ class LifeTest(browser_host.BrowserTestCase):
             self.assertEqual(self.singleton_files(profile), [])
         self.assertEqual(os.listdir(self.folder / "tmp"), [])
 
+    def test_browsers_cost_the_host_no_thread(self):
+        self.start_host()
+        other = self.ask_host("CreateProfile", {"name": "Other"})["id"]["value"]
+
+        for profile in ("default", other):
+            self.open_reporting_page(profile)
+
+        self.assertEqual(programs.threads(self.host), programs.HOST_THREADS)
+
     def test_browsers_end_with_a_host_that_is_killed(self):
         self.start_host()
         self.open_reporting_page()

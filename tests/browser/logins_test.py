@@ -149,10 +149,12 @@ class LoginsTest(browser_host.BrowserTestCase):
         answerer = self.answer_logins(lambda question: None)
         browser = self.open_page(url)
         call_id, _ = answerer.next_question()
+        self.assertEqual(self.open_questions(), 1)
 
         self.close_browser(browser)
 
         self.assertEqual(answerer.next_withdrawn(), (call_id, "withdrawn"))
+        self.assertEqual(self.open_questions(), 0)
 
 
 if __name__ == "__main__":

@@ -111,6 +111,19 @@ def assert_host_refuses(test, status, texts, arguments, env):
         test.assertIn(text, result.stderr)
 
 
+# Of a varnic-host, whatever it serves.
+HOST_THREADS = ["varnic-files", "varnic-host"]
+
+
+def threads(host):
+    """The names of a host's threads, in their order."""
+    process = pathlib.Path(f"/proc/{host.process.pid}")
+    names = sorted((task / "comm").read_text().strip() for task in (process / "task").iterdir())
+    if "libtsan" in (process / "maps").read_text():
+        names.remove("varnic-host")  # ThreadSanitizer has one of its own, under the program's name.
+    return names
+
+
 def metrics(host):
     """The text of the metrics of a host that was started with --metrics and a TCP address."""
     prefix = "Metrics on "

@@ -5,6 +5,7 @@ import os
 import pathlib
 import shutil
 import signal
+import subprocess
 import tempfile
 import time
 import unittest
@@ -216,6 +217,21 @@ class WatchNetworkTest(WatchTestCase):
         self.call("name")
         self.assertEqual(ctl.wait(), 1)
         self.assertIn("standard output: Broken pipe", ctl.err.text)
+
+    def test_standard_files_that_are_closed_stay_so(self):
+        self.start_host()
+        command = [programs.CTL, "--target", self.target, "watch-network"]
+        ctl = subprocess.Popen(["sh", "-c", 'exec "$@" <&- >&-', "sh", *command],
+                               stderr=subprocess.PIPE, text=True)
+        self.addCleanup(ctl.communicate)
+        self.addCleanup(ctl.kill)
+        self.wait_for("subscribers", 1)
+
+        self.call("name")
+
+        _, errors = ctl.communicate(timeout=programs.PATIENCE_SECONDS)
+        self.assertEqual(ctl.returncode, 1)
+        self.assertIn("cannot write to the standard output: Bad file descriptor", errors)
 
     def test_names_of_interfaces_do_nothing_to_the_terminal(self):
         self.start_host()

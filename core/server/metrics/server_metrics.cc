@@ -137,7 +137,8 @@ void ServerMetrics::AddCounter(std::string name, std::string help, Read read) {
 
 void ServerMetrics::Add(HostMetric metric) {
   VARNIC_CHECK(IsMetricName(metric.name));
-  VARNIC_CHECK(!absl::StartsWith(metric.name, "varnic_"));
+  VARNIC_CHECK(!absl::StartsWith(metric.name, "varnic_") ||
+               absl::StartsWith(metric.name, "varnic_host_"));
   VARNIC_CHECK(!absl::StartsWith(metric.name, "process_"));
   VARNIC_CHECK(metric.help.find('\n') == std::string::npos);
   VARNIC_CHECK(

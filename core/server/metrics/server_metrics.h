@@ -29,7 +29,7 @@ class ServerMetrics {
 
   // A metric of the host's own. `read` is called for every text, and must not block. Fatal if
   // `name` is none that Prometheus takes, if it is taken, or begins as this library's own do
-  // ("varnic_", "process_"), or if `help` is more than a line.
+  // ("process_", "varnic_" but for varnic-host's "varnic_host_"), or if `help` is more than a line.
   void AddGauge(std::string name, std::string help, Read read);
   // The same for a number that only ever grows; such names end in "_total".
   void AddCounter(std::string name, std::string help, Read read);

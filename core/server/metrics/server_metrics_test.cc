@@ -79,6 +79,12 @@ TEST_F(ServerMetricsTest, HostsOwnMetricsAreReadForEveryText) {
   EXPECT_THAT(Lines(), Contains("my_host_answers_total 1000000000000001"));
 }
 
+TEST_F(ServerMetricsTest, NamesOfVarnicHostAreFree) {
+  metrics_.AddGauge("varnic_host_questions", "Open questions.", [] { return 7.0; });
+
+  EXPECT_THAT(Lines(), Contains("varnic_host_questions 7"));
+}
+
 TEST_F(ServerMetricsTest, OtherServersServiceDoesNotShowUp) {
   RpcServer other;
   const ServerMetrics metrics(other);
