@@ -172,7 +172,7 @@ class GuardedClient {
         if (IsAnswered(head.stream_id)) return CountControl(verdict, 1);
         return Count(verdict, EdgeRule::kResets, 1, resets_, limits_.resets);
       case FrameType::kSettings:
-        return CountControl(verdict, 1 + payload.size() / 6);
+        return CheckSettings(verdict, payload.size() / 6);
       default:
         return CountControl(verdict, 1);
     }
@@ -188,6 +188,12 @@ class GuardedClient {
     ++empty_frames_;
     VARNIC_CHECK(IsWithin(empty_frames_, limits_.empty_frames, now_ - Time()));
     return true;
+  }
+
+  bool CheckSettings(FrameGuard::Verdict verdict, std::size_t entries) {
+    if (entries <= limits_.settings_entries) return CountControl(verdict, 1 + entries);
+    VARNIC_CHECK(verdict == EdgeRule::kControlFrames);
+    return false;
   }
 
   bool CountControl(FrameGuard::Verdict verdict, uint64_t cost) {

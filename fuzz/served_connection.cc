@@ -169,7 +169,7 @@ void ServedConnection::OnCall(net::GrpcServerCall& call, const net::GrpcRequestH
   if (!found.ok()) return call.Finish(found.status());
   const ServiceTable::Method& method = **found;
   if (method.handler != nullptr) return method.handler->OnCall(*method.descriptor, call);
-  if (method.is_stream()) return streams_.Open(method, call, head);
+  if (method.is_stream()) return streams_.Open(method, call, head, /*role=*/"");
   UnaryCall::Start(method, call, call.RequestMetadata(head), /*role=*/"");
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -25,7 +26,8 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 // Answers Path() with what it is asked about, and Name() with who is asking; keeps the controller's
-// word for it. IsDefault() it keeps for the test to answer.
+// word for it. IsDefault() it keeps for the test to answer. Of a stream it keeps the channel, and
+// does not serve it.
 class Witness : public rpc::ProfileRpc {
  public:
   void Path(google::protobuf::RpcController* /*controller*/, const ProfileId* request,
@@ -47,8 +49,15 @@ class Witness : public rpc::ProfileRpc {
     kept_done = done;
   }
 
+  AbstractStream* OpenStream(const google::protobuf::MethodDescriptor* /*method*/,
+                             StreamChannel channel) override {
+    kept_channel.emplace(std::move(channel));
+    return nullptr;
+  }
+
   net::Peer peer;
   std::string role;
+  std::optional<StreamChannel> kept_channel;
   ServerController* kept_controller = nullptr;
   google::protobuf::Closure* kept_done = nullptr;
 };
@@ -169,6 +178,33 @@ TEST_F(AccessControlTest, ControllerKnowsTheCallerAlsoWhenTheConnectionIsGone) {
 
   EXPECT_EQ(witness_.kept_controller->peer().pid, getpid());
   witness_.kept_done->Run();
+}
+
+TEST_F(AccessControlTest, ChannelKnowsTheProcessThatOpenedItAlsoWhenTheConnectionIsGone) {
+  EXPECT_EQ(Call(Listen(UnixAddress()), "WhenNetworkChanged").code(),
+            absl::StatusCode::kUnimplemented);
+  server_.loop().RunUntil([&] { return server_.open_connections() == 0; });
+
+  ASSERT_TRUE(witness_.kept_channel.has_value());
+  EXPECT_FALSE(witness_.kept_channel->IsPeerPresent());
+  ASSERT_NE(witness_.kept_channel->peer(), nullptr);
+  EXPECT_EQ(witness_.kept_channel->peer()->kind, net::Peer::Kind::kUnix);
+  EXPECT_EQ(witness_.kept_channel->peer()->pid, getpid());
+  EXPECT_EQ(witness_.kept_channel->role(), "");
+}
+
+TEST_F(AccessControlTest, ChannelKnowsTheCertificateAndTheRoleInWhichItWasOpened) {
+  UsePolicy(R"({"roles": {"reader": {"san": ["URI:spiffe://example.org/reader"]}},
+                "methods": {"*": ["reader"]}})");
+
+  EXPECT_EQ(Call(Listen("127.0.0.1:0", WithTls()), "OnAuthenticate", As("reader")).code(),
+            absl::StatusCode::kUnimplemented);
+
+  ASSERT_TRUE(witness_.kept_channel.has_value());
+  ASSERT_NE(witness_.kept_channel->peer(), nullptr);
+  ASSERT_TRUE(witness_.kept_channel->peer()->certificate.has_value());
+  EXPECT_EQ(witness_.kept_channel->peer()->certificate->subject, "CN=reader");
+  EXPECT_EQ(witness_.kept_channel->role(), "reader");
 }
 
 TEST_F(AccessControlTest, WhoIsNotAdmittedCannotCall) {

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -87,7 +89,7 @@ class StreamTest : public ::testing::TestWithParam<const char*> {
   void WaitForAnswerer(const std::string& key, bool is_there) {
     WaitUntil([&] { return (AnswererOf(key) != nullptr) == is_there; });
   }
-  static const FileStream* AnswererOf(const std::string& key) {
+  static FileStream* AnswererOf(const std::string& key) {
     const ProfileId probe = MakeProfileId(key);
     const auto entry = FileStream::stream_map_.find(&probe);
     return entry == FileStream::stream_map_.end() ? nullptr : entry->second;
@@ -355,6 +357,132 @@ TEST_P(StreamTest, StreamMayEndFromInsideItsOwnCallable) {
   stream->Send(Answer(Parse<rpc::CanAccessFile>(stream->Receive()), true).SerializeAsString());
 
   EXPECT_EQ(stream->Finish(), absl::UnavailableError("The host is shutting down"));
+}
+
+// How a question ends, and with it which callable runs, and inside which of the stream's
+// operations.
+struct QuestionEnd {
+  const char* name;
+  bool by_completion;  // Of the stream, which then takes nothing more.
+  void (*cause)(StreamPeer::Stream& stream, const rpc::CanAccessFile& question);
+};
+constexpr QuestionEnd kQuestionEnds[] = {
+    {"answered", /*by_completion=*/false,
+     [](StreamPeer::Stream& stream, const rpc::CanAccessFile& question) {
+       stream.Send(Answer(question, true).SerializeAsString());
+     }},
+    {"ABORTED", /*by_completion=*/false,
+     [](StreamPeer::Stream& stream, const rpc::CanAccessFile& question) {
+       rpc::CanAccessFile error = Answer(question, true);
+       error.set_error("no such page");
+       stream.Send(error.SerializeAsString());
+     }},
+    {"CANCELLED", /*by_completion=*/false,
+     [](StreamPeer::Stream& stream, const rpc::CanAccessFile& question) {
+       rpc::CanAccessFile unsubscription;
+       *unsubscription.mutable_profile_id() = question.profile_id();
+       unsubscription.set_subscribe(false);
+       stream.Send(unsubscription.SerializeAsString());
+     }},
+    {"CANCELLED", /*by_completion=*/true,
+     [](StreamPeer::Stream& stream, const rpc::CanAccessFile& /*question*/) {
+       stream.HalfClose();
+     }},
+};
+
+class StreamEndedInsideTest : public StreamTest {
+ protected:
+  // Asks for "P", whose question ends so; the callable that this runs calls `inside` with its
+  // stream.
+  Stream AskAndEnd(const QuestionEnd& end, const std::function<void(FileStream&)>& inside) {
+    Stream stream = SubscribeToFiles("P");
+    WaitForAnswerer("P", true);
+    OnServer([&] {
+      FileStream* object = AnswererOf("P");
+      const auto on_end = [this, object, inside](const std::string& how) {
+        ends_.push_back(how);
+        inside(*object);
+      };
+      caller_->Call(
+          MakeProfileId("P"), rpc::CanAccessFile::Request(),
+          [on_end](const rpc::CanAccessFile::Response& /*response*/) { on_end("answered"); },
+          [on_end](const absl::Status& status) { on_end(absl::StatusCodeToString(status.code())); },
+          absl::InfiniteDuration());
+    });
+    end.cause(*stream, Parse<rpc::CanAccessFile>(stream->Receive()));
+    return stream;
+  }
+
+  // The question has ended once, and nothing is left of the stream.
+  void ExpectEnd(const QuestionEnd& end) {
+    WaitForOpenStreams(0);
+    OnServer([&] {
+      EXPECT_EQ(ends_, std::vector<std::string>{end.name});
+      ends_.clear();
+      EXPECT_EQ(AnswererOf("P"), nullptr);
+      EXPECT_EQ(caller_->open_calls(), 0U);
+    });
+  }
+
+  static bool SendMuch(FileStream& stream) {
+    rpc::transport::StreamMessage envelope;
+    envelope.set_payload(std::string(100'000, 'x'));
+    return stream.channel().Send(envelope);
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Sockets, StreamEndedInsideTest, ::testing::Values("unix", "127.0.0.1:0"),
+                         [](const auto& socket) {
+                           return std::string(socket.param) == "unix" ? "Unix" : "Tcp";
+                         });
+
+TEST_P(StreamEndedInsideTest, ACompletionInAnyCallableEndsTheStreamOnce) {
+  for (const QuestionEnd& end : kQuestionEnds) {
+    const Stream stream = AskAndEnd(end, [](FileStream& inside) { inside.Complete(); });
+
+    EXPECT_EQ(stream->Finish(), absl::OkStatus());
+    ExpectEnd(end);
+  }
+}
+
+TEST_P(StreamEndedInsideTest, AResetInAnyCallableEndsTheStreamOnce) {
+  for (const QuestionEnd& end : kQuestionEnds) {
+    int sent = 0;
+    const Stream stream = AskAndEnd(end, [&sent](FileStream& inside) {
+      // More than may wait for a reader resets the stream.
+      while (SendMuch(inside)) ++sent;
+    });
+
+    const absl::StatusCode code = stream->Finish().code();
+    ExpectEnd(end);
+    EXPECT_EQ(sent == 0, end.by_completion);
+    EXPECT_LT(sent, 100);
+    EXPECT_EQ(code,
+              end.by_completion ? absl::StatusCode::kOk : absl::StatusCode::kResourceExhausted);
+  }
+}
+
+TEST_P(StreamEndedInsideTest, AConnectionLostInAnyCallableEndsTheStreamOnce) {
+  for (const QuestionEnd& end : kQuestionEnds) {
+    std::promise<void> inside;
+    std::promise<void> lost;
+    {
+      const Stream stream = AskAndEnd(end, [&](FileStream& object) {
+        inside.set_value();
+        lost.get_future().wait();
+        (void)SendMuch(object);
+      });
+      const std::future<void> is_inside = inside.get_future();
+      while (is_inside.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+        peer_->Pump();
+      }
+      peer_->Disconnect();
+    }
+    lost.set_value();
+
+    ExpectEnd(end);
+    peer_ = std::make_unique<StreamPeer>(served_.address());
+  }
 }
 
 TEST_P(StreamTest, MessageThatTheStreamWouldDieOfEndsOnlyItsOwnStream) {

@@ -105,6 +105,7 @@ void SetFloodLimits(const FloodLimits& limits, nghttp2_option* options) {
   nghttp2_option_set_stream_reset_rate_limit(options, kAnyNumber, kAnyNumber);
   nghttp2_option_set_max_outbound_ack(options, kAnyNumber);
   nghttp2_option_set_max_continuations(options, limits.continuations);
+  nghttp2_option_set_max_settings(options, limits.settings_entries);
 }
 
 Http2Error ErrorOf(ProtocolFault fault) {

@@ -218,7 +218,7 @@ void RpcServer::OnCall(net::GrpcServerCall& call, const net::GrpcRequestHead& he
   const ServiceTable::Method& method = **found;
   if (method.is_stream()) call.Observe(method.counters->OpenStream());
   if (method.handler != nullptr) return method.handler->OnCall(*method.descriptor, call);
-  if (method.is_stream()) return streams_.Open(method, call, head);
+  if (method.is_stream()) return streams_.Open(method, call, head, std::move(role));
   UnaryCall::Start(method, call, call.RequestMetadata(head), std::move(role));
 }
 

@@ -12,7 +12,8 @@ namespace varnic {
 // wherever that has moved it.
 class ServerStream::ChannelEnd : public StreamChannel::Transport {
  public:
-  explicit ChannelEnd(ServerStream& stream) : stream_(&stream) {}
+  ChannelEnd(ServerStream& stream, std::shared_ptr<const net::Peer> peer, std::string role)
+      : stream_(&stream), peer_(std::move(peer)), role_(std::move(role)) {}
   ~ChannelEnd() override {
     if (stream_ != nullptr) stream_->OnChannelDropped();
   }
@@ -32,9 +33,13 @@ class ServerStream::ChannelEnd : public StreamChannel::Transport {
   bool IsPeerPresent() const override {
     return stream_ != nullptr && stream_->call_ != nullptr && !stream_->ending_;
   }
+  const net::Peer* peer() const override { return peer_.get(); }
+  std::string_view role() const override { return role_; }
 
  private:
   ServerStream* stream_;
+  const std::shared_ptr<const net::Peer> peer_;
+  const std::string role_;
 };
 
 // The envelope of one message. Outlives the stream if the message ends it.
@@ -68,7 +73,8 @@ class ServerStream::Operation {
 
 ServerStream::ServerStream(net::EventLoop& loop, const ServiceTable::Method& method,
                            EnvelopeGuard* guard, EnvelopeStock& envelopes, StreamFraming framing,
-                           const StreamLimits& limits, net::GrpcServerCall& call, Owner& owner)
+                           const StreamLimits& limits, net::GrpcServerCall& call, std::string role,
+                           Owner& owner)
     : loop_(loop),
       guard_(guard),
       framing_(framing),
@@ -79,7 +85,7 @@ ServerStream::ServerStream(net::EventLoop& loop, const ServiceTable::Method& met
       bounds_(limits.subscriptions),
       outbound_(limits.outbound) {
   call.Accept(*this);
-  auto channel_end = std::make_unique<ChannelEnd>(*this);
+  auto channel_end = std::make_unique<ChannelEnd>(*this, call.peer(), std::move(role));
   channel_end_ = channel_end.get();
   stream_.reset(
       method.service->OpenStream(method.descriptor, StreamChannel(std::move(channel_end))));
@@ -112,22 +118,25 @@ void ServerStream::OnMessage(std::string_view message) {
 
 absl::Status ServerStream::Decode(std::string_view message,
                                   ::rpc::transport::StreamMessage& envelope, bool& is_error) {
+  // As it came, where there is no envelope: what has just been copied is not at hand at once.
+  std::string_view payload = message;
   if (framing_ == StreamFraming::kEnvelope) {
     if (!envelope.ParseFromArray(message.data(), static_cast<int>(message.size()))) {
       return absl::InvalidArgumentError(
           "A message on the stream is not a serialised rpc.transport.StreamMessage");
     }
     is_error = envelope.kind() == ::rpc::transport::StreamMessage::ERROR;
+    payload = envelope.payload();
   } else {
     envelope.mutable_payload()->assign(message);  // Into the memory that is there.
   }
   if (guard_ == nullptr) return absl::OkStatus();
   EnvelopeGuard::Content content;
-  const absl::Status status = guard_->Inspect(envelope.payload(), is_error, content);
+  const absl::Status status = guard_->Inspect(payload, is_error, content);
   if (!status.ok()) return status;
   if (framing_ == StreamFraming::kTyped) envelope.set_call_id(content.call_id);
   is_error = is_error || content.has_error;
-  return CheckBounds(content, envelope.payload().size());
+  return CheckBounds(content, payload.size());
 }
 
 absl::Status ServerStream::CheckBounds(const EnvelopeGuard::Content& content, std::size_t bytes) {

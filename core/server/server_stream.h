@@ -49,12 +49,12 @@ class ServerStream final : private net::GrpcServerCall::Visitor {
     virtual void OnSlowReader() = 0;
   };
 
-  // Takes over `call`, opens the stream of `method`, and answers the client with the headers that
-  // say so; or with UNIMPLEMENTED, if the service opens none. The loop, the guard, which is null
-  // for a plain stream, the envelopes and the owner outlive this.
+  // Takes over `call`, which the peer makes in `role`, opens the stream of `method`, and answers
+  // the client with the headers that say so; or with UNIMPLEMENTED, if the service opens none. The
+  // loop, the guard, which is null for a plain stream, the envelopes and the owner outlive this.
   ServerStream(net::EventLoop& loop, const ServiceTable::Method& method, EnvelopeGuard* guard,
                EnvelopeStock& envelopes, StreamFraming framing, const StreamLimits& limits,
-               net::GrpcServerCall& call, Owner& owner);
+               net::GrpcServerCall& call, std::string role, Owner& owner);
   // Only after OnStreamEnded(), or if the stream was never open.
   ~ServerStream() override;
 

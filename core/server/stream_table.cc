@@ -14,7 +14,7 @@ StreamTable::~StreamTable() {
 }
 
 void StreamTable::Open(const ServiceTable::Method& method, net::GrpcServerCall& call,
-                       const net::GrpcRequestHead& head) {
+                       const net::GrpcRequestHead& head, std::string role) {
   const bool is_served =
       method.kind == StreamKind::kPlain ? method.plain_streams : method.kind != StreamKind::kNone;
   if (!is_served) {
@@ -26,7 +26,7 @@ void StreamTable::Open(const ServiceTable::Method& method, net::GrpcServerCall& 
                                     : StreamFraming::kTyped;
   ServerStream::Owner& owner = *this;
   auto stream = std::make_unique<ServerStream>(loop_, method, GuardOf(method), envelopes_, framing,
-                                               limits_, call, owner);
+                                               limits_, call, std::move(role), owner);
   if (!stream->is_open()) return;
   const ServerStream* key = stream.get();
   streams_.emplace(key, std::move(stream));

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "absl/container/flat_hash_map.h"
 #include "core/net/event_loop.h"
@@ -35,10 +36,10 @@ class StreamTable : private ServerStream::Owner {
   // Only when every stream has ended, as they do with their connections.
   ~StreamTable() override;
 
-  // Takes over a call of a streaming method. UNIMPLEMENTED for a method that no stream class
-  // serves; see ServiceOptions.
+  // Takes over a call of a streaming method, which the peer makes in `role`. UNIMPLEMENTED for a
+  // method that no stream class serves; see ServiceOptions.
   void Open(const ServiceTable::Method& method, net::GrpcServerCall& call,
-            const net::GrpcRequestHead& head);
+            const net::GrpcRequestHead& head, std::string role);
 
   // Ends every stream with `status`: at once, but for one that this is called from inside of.
   void EndAll(const absl::Status& status);

@@ -283,7 +283,10 @@ int StalledReader(std::int64_t subscribers) {
 
   Verdict verdict;
   Verdict::Note("median until all others have an event", alone.median, "us");
-  Verdict::Note("the same with one that reads nothing", beside.median, "us");
+  // Whoever waits for the one that reads nothing waits for ever; a busy machine adds much less.
+  constexpr double kSecond = 1e6;
+  verdict.AtMost("the same with one that reads nothing", beside.median, alone.median + kSecond,
+                 "us");
   Verdict::Note("worst", alone.worst, "us");
   Verdict::Note("the same with one that reads nothing", beside.worst, "us");
   Verdict::Note("events that a newer one has replaced", static_cast<double>(after.conflated_events),

@@ -34,4 +34,12 @@ bool StreamChannel::IsPeerPresent() const {
   return transport_ != nullptr && transport_->IsPeerPresent();
 }
 
+const net::Peer* StreamChannel::peer() const {
+  return transport_ == nullptr ? nullptr : transport_->peer();
+}
+
+std::string_view StreamChannel::role() const {
+  return transport_ == nullptr ? std::string_view() : transport_->role();
+}
+
 }  // namespace varnic

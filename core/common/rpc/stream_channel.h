@@ -2,10 +2,15 @@
 #define CORE_COMMON_RPC_STREAM_CHANNEL_H_
 
 #include <memory>
+#include <string_view>
 
 namespace rpc::transport {
 class StreamMessage;
 }  // namespace rpc::transport
+
+namespace varnic::net {
+struct Peer;
+}  // namespace varnic::net
 
 namespace varnic {
 
@@ -36,6 +41,10 @@ class StreamChannel {
     virtual void Complete() = 0;
     // Whether the peer can still receive.
     virtual bool IsPeerPresent() const = 0;
+    // Who has opened the stream, also when it has ended; null if the transport does not know.
+    virtual const net::Peer* peer() const { return nullptr; }
+    // The role in which the server's policy lets the peer open the stream; empty without a policy.
+    virtual std::string_view role() const { return {}; }
   };
 
   explicit StreamChannel(std::unique_ptr<Transport> transport);
@@ -49,6 +58,9 @@ class StreamChannel {
   bool SendEvent(const SharedEvent& event);
   void Complete();
   bool IsPeerPresent() const;
+  // Valid as long as the last live handle. Null, and empty, for an empty channel, too.
+  const net::Peer* peer() const;
+  std::string_view role() const;
 
  private:
   std::unique_ptr<Transport> transport_;

@@ -55,6 +55,17 @@ TEST(StreamChannelTest, OperationsOnAMovedFromHandleDoNothing) {
   EXPECT_TRUE(recording.sent().empty());
 }
 
+TEST(StreamChannelTest, NobodyIsKnownWhereTheTransportKnowsNobody) {
+  RecordingChannel recording;
+  StreamChannel first = recording.Open();
+  const StreamChannel second(std::move(first));
+
+  EXPECT_EQ(second.peer(), nullptr);
+  EXPECT_EQ(second.role(), "");
+  EXPECT_EQ(first.peer(), nullptr);  // NOLINT(bugprone-use-after-move): it is empty by contract.
+  EXPECT_EQ(first.role(), "");
+}
+
 TEST(StreamChannelTest, MovingFromAMovedFromHandleGivesAnEmptyOne) {
   RecordingChannel recording;
   StreamChannel first = recording.Open();

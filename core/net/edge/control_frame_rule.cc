@@ -8,12 +8,15 @@ constexpr uint32_t kSettingBytes = 6;
 }  // namespace
 
 ControlFrameRule::ControlFrameRule(const FloodLimits& limits)
-    : per_exchange_(limits.control_frames_per_exchange), others_(limits.control_frames) {}
+    : per_exchange_(limits.control_frames_per_exchange),
+      settings_entries_(limits.settings_entries),
+      others_(limits.control_frames) {}
 
 bool ControlFrameRule::OnFrame(const FrameHead& frame, TokenBucket::Time now) {
   // A setting may touch every open stream, and no call needs one.
   if (frame.type == FrameType::kSettings) {
-    return others_.Take(1 + frame.payload_bytes / kSettingBytes, now);
+    const uint32_t entries = frame.payload_bytes / kSettingBytes;
+    return entries <= settings_entries_ && others_.Take(1 + entries, now);
   }
   if (paid_ == 0) return others_.Take(1, now);
   --paid_;

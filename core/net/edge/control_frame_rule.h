@@ -25,11 +25,12 @@ class ControlFrameRule {
 
   // The client opens a stream, or is sent a DATA frame.
   void OnExchange() { paid_ = std::min(paid_ + per_exchange_, kMaxPaid); }
-  // False: one too many.
+  // False: one too many, or a SETTINGS with too many entries (FloodLimits::settings_entries).
   [[nodiscard]] bool OnFrame(const FrameHead& frame, TokenBucket::Time now);
 
  private:
   const uint32_t per_exchange_;
+  const uint32_t settings_entries_;
   uint64_t paid_ = 0;  // Frames to come.
   TokenBucket others_;
 };

@@ -79,6 +79,15 @@ TEST(ControlFrameRuleTest, EachSettingCounts) {
   EXPECT_EQ(Count(rule, Frame(FrameType::kSettings, /*payload_bytes=*/4 * 6)), 10u);
 }
 
+TEST(ControlFrameRuleTest, OneFrameMayHaveSoManySettings) {
+  FloodLimits limits = SmallLimits();
+  limits.settings_entries = 5;
+  ControlFrameRule rule(limits);
+
+  EXPECT_TRUE(rule.OnFrame(Frame(FrameType::kSettings, 5 * 6), kStart));
+  EXPECT_FALSE(rule.OnFrame(Frame(FrameType::kSettings, 6 * 6), kStart));
+}
+
 TEST(ControlFrameRuleTest, NothingPaysForSettings) {
   ControlFrameRule rule(SmallLimits());
 

@@ -19,6 +19,8 @@ struct FloodLimits {
   // ...beyond so many for each stream that the client opens, and for each DATA frame that it gets:
   // these it needs to read, and to measure the connection. No more than 20,000 of them are owed it.
   uint32_t control_frames_per_exchange = 10;
+  // Entries of one SETTINGS frame.
+  uint32_t settings_entries = 32;
   // Frames of a call that bring nothing, and do not end it.
   TokenRate empty_frames = {100, 10};
   // CONTINUATION frames of one header block.
