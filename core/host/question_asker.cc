@@ -1,5 +1,6 @@
 #include "core/host/question_asker.h"
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <string>
@@ -25,6 +26,10 @@ std::string Describe(const rpc::Authenticate::Request& request) {
          net::LogField("scheme", request.scheme()) + net::LogField("realm", request.realm());
 }
 
+const ProfileId& ProfileOf(const std::vector<ProfileId>& keys) {
+  return keys.empty() ? ProfileId::default_instance() : keys.front();
+}
+
 }  // namespace
 
 // The questions of one kind.
@@ -45,15 +50,20 @@ class QuestionAsker::Desk {
   ~Desk() { questions_.clear(); }  // The caller's last callbacks find nothing.
 
   size_t size() const { return questions_.size(); }
+  size_t CountOf(const ProfileId& profile) const {
+    return static_cast<size_t>(std::count_if(
+        questions_.begin(), questions_.end(),
+        [&profile](const auto& question) { return question.second.profile == profile.value(); }));
+  }
 
   void Ask(Id id, const std::vector<ProfileId>& keys, const Request& request, OnAnswer on_answer) {
-    questions_[id] = {{keys.begin(), keys.end()}, request, std::move(on_answer), 0};
+    questions_[id] = {ProfileOf(keys).value(), keys, request, std::move(on_answer), 0};
     AskNext(id, absl::NotFoundError("nobody is there to answer"));
   }
 
   // The default, for a question that is not asked.
   void AnswerUnasked(Id id, const Request& request, OnAnswer on_answer, const absl::Status& why) {
-    questions_[id] = {{}, request, std::move(on_answer), 0};
+    questions_[id] = {"", {}, request, std::move(on_answer), 0};
     AskNext(id, why);
   }
 
@@ -66,6 +76,7 @@ class QuestionAsker::Desk {
 
  private:
   struct Question {
+    std::string profile;
     std::vector<ProfileId> keys;  // That have not been tried, in their order.
     Request request;
     OnAnswer on_answer;
@@ -188,14 +199,24 @@ QuestionAsker::Id QuestionAsker::Ask(Desk<T>& desk, const std::vector<ProfileId>
                                      const typename T::Request& request,
                                      std::function<void(const typename T::Response&)> on_answer) {
   const Id id = ++last_id_;
-  if (open_questions() < options_.open_questions) {
+  const absl::Status room = CheckRoom(ProfileOf(keys));
+  if (room.ok()) {
     desk.Ask(id, keys, request, std::move(on_answer));
   } else {
     ++questions_over_limit_;
-    desk.AnswerUnasked(id, request, std::move(on_answer),
-                       absl::ResourceExhaustedError("too many questions are open"));
+    desk.AnswerUnasked(id, request, std::move(on_answer), room);
   }
   return id;
+}
+
+absl::Status QuestionAsker::CheckRoom(const ProfileId& profile) const {
+  if (open_questions() >= options_.open_questions) {
+    return absl::ResourceExhaustedError("too many questions are open");
+  }
+  if (files_->CountOf(profile) + logins_->CountOf(profile) >= options_.open_questions_of_profile) {
+    return absl::ResourceExhaustedError("the profile has too many open questions");
+  }
+  return absl::OkStatus();
 }
 
 void QuestionAsker::Withdraw(Id id) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "absl/status/status.h"
 #include "absl/time/time.h"
 #include "core/common/rpc/scheduler.h"
 #include "rpc/identifiers.pb.h"
@@ -21,8 +22,10 @@ struct QuestionOptions {
   bool allow_files = false;
   // How often one request is asked for credentials before it goes on without; at least 1.
   int login_attempts = 3;
-  // Questions that wait for their answers, of all profiles.
+  // Questions that wait for their answers, of all profiles; and of one, so that none keeps others
+  // from asking.
   size_t open_questions = 1000;
+  size_t open_questions_of_profile = 250;
 };
 
 // Asks the clients of OnCanAccessFile and OnAuthenticate on behalf of browsers, and always has an
@@ -44,9 +47,9 @@ class QuestionAsker {
   QuestionAsker& operator=(const QuestionAsker&) = delete;
   ~QuestionAsker();
 
-  // Asks who is subscribed under the first of `keys`, or else under the next one. The callback runs
-  // once, never inside the call, and not after Withdraw(). It may do anything with the asker but
-  // destroy it.
+  // Asks who is subscribed under the first of `keys`, or else under the next one; the first is that
+  // of the profile whose question it is. The callback runs once, never inside the call, and not
+  // after Withdraw(). It may do anything with the asker but destroy it.
   Id AskFile(const std::vector<ProfileId>& keys, const rpc::CanAccessFile::Request& request,
              OnFile on_answer);
   Id AskLogin(const std::vector<ProfileId>& keys, const rpc::Authenticate::Request& request,
@@ -67,6 +70,8 @@ class QuestionAsker {
   template <class T>
   Id Ask(Desk<T>& desk, const std::vector<ProfileId>& keys, const typename T::Request& request,
          std::function<void(const typename T::Response&)> on_answer);
+  // Why one more cannot be open for `profile`; OK if it can.
+  absl::Status CheckRoom(const ProfileId& profile) const;
 
   Scheduler& scheduler_;
   const QuestionOptions options_;

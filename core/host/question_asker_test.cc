@@ -240,6 +240,24 @@ TEST_F(QuestionAskerTest, QuestionsOverTheLimitGetTheDefault) {
   EXPECT_EQ(asker_->questions_over_limit(), 3u);
 }
 
+TEST_F(QuestionAskerTest, ProfileWithTooManyQuestionsKeepsNoOtherFromAsking) {
+  asker_ = nullptr;
+  QuestionOptions options;
+  options.open_questions_of_profile = 2;
+  asker_ = std::make_unique<QuestionAsker>(scheduler_, options);
+  ServedStream<FileAccessStream> stream(service_);
+  Subscribe(stream, "a");
+  Subscribe(stream, "b");
+
+  for (int i = 0; i < 3; ++i) AskFile({Profile("a")});
+  AskFile({Profile("b"), Profile("a")});
+  scheduler_.RunPosted();
+
+  EXPECT_THAT(log_, ElementsAre("deny"));
+  EXPECT_EQ(Questions(stream).size(), 3u);
+  EXPECT_EQ(asker_->questions_over_limit(), 1u);
+}
+
 TEST_F(QuestionAskerTest, DestroyedAskerRunsNoCallback) {
   ServedStream<FileAccessStream> stream(service_);
   Subscribe(stream, "a");
