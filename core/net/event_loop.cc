@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <utility>
@@ -138,11 +139,14 @@ class EventLoop::DeferredTasks {
   // None after one that stops the loop, and none that another of them posts.
   void Run() {
     is_scheduled_ = false;
-    if (next_ == running_.size()) BeginTurn();
-    while (next_ < running_.size() && !context_->stopped()) {
-      if (DeferredTask* task = running_[next_++]; task != nullptr) Run(*task);
+    BeginTurn();
+    std::size_t next = 0;
+    while (next < running_.size() && !context_->stopped()) {
+      if (DeferredTask* task = running_[next++]; task != nullptr) Run(*task);
     }
-    if (next_ < running_.size() || !coming_.empty()) Schedule();
+    if (next < running_.size()) PutBack(next);
+    running_.clear();
+    if (!coming_.empty()) Schedule();
   }
   static void Run(DeferredTask& task) {
     task.is_posted_ = false;
@@ -150,18 +154,25 @@ class EventLoop::DeferredTasks {
     run();
   }
   void BeginTurn() {
-    running_.clear();
     running_.swap(coming_);
-    next_ = 0;
     ++turn_;
+  }
+  // Those from `first` on, which a stop keeps waiting, go before those that are coming.
+  void PutBack(std::size_t first) {
+    coming_.insert(coming_.begin(), running_.begin() + static_cast<std::ptrdiff_t>(first),
+                   running_.end());
+    for (std::size_t place = 0; place < coming_.size(); ++place) {
+      if (coming_[place] == nullptr) continue;
+      coming_[place]->turn_ = turn_;
+      coming_[place]->place_ = place;
+    }
   }
 
   asio::io_context* context_ = nullptr;  // None before Open() and after Close().
   bool is_scheduled_ = false;
   std::uint64_t turn_ = 0;              // Of those that are coming.
   std::vector<DeferredTask*> coming_;   // Null where one was cancelled.
-  std::vector<DeferredTask*> running_;  // The same; they run from `next_` on.
-  std::size_t next_ = 0;
+  std::vector<DeferredTask*> running_;  // The same; none between two turns.
 };
 
 // One thread runs the loop, so Asio may leave out what more would need.

@@ -99,9 +99,10 @@ class Timer {
 };
 
 // What an object does later on its loop, once for any number of Post()s. Takes no memory for each,
-// and those of one turn run in one go: for what thousands of objects do after the same event. Safe
-// to post again, to cancel and to destroy at any time, inside its own task too; the task of a
-// cancelled or destroyed one never runs.
+// and those of one turn run in one go, in the order of their posts, maybe ahead of tasks that were
+// posted before: for what thousands of objects do after the same event. Safe to post again, to
+// cancel and to destroy at any time, inside its own task too; the task of a cancelled or destroyed
+// one never runs.
 class DeferredTask {
  public:
   DeferredTask(EventLoop& loop, std::function<void()> task) : loop_(loop), task_(std::move(task)) {}

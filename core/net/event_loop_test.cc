@@ -691,8 +691,56 @@ TEST(DeferredTaskTest, AfterOneThatStopsTheLoopTheOthersWaitAndKeepTheirOrder) {
   loop.RunPending();
   EXPECT_THAT(runs, ElementsAre(1));
 
-  while (loop.RunPending() > 0) continue;
+  loop.RunPending();
   EXPECT_THAT(runs, ElementsAre(1, 2, 3, 4));
+}
+
+TEST(DeferredTaskTest, WhatIsPostedAfterAStopRunsWithThoseThatItKeptWaiting) {
+  EventLoop loop;
+  std::vector<int> runs;
+  DeferredTask first(loop, [&] {
+    runs.push_back(1);
+    loop.Stop();
+  });
+  DeferredTask second(loop, [&] { runs.push_back(2); });
+  DeferredTask third(loop, [&] { runs.push_back(3); });
+  first.Post();
+  second.Post();
+  loop.RunPending();
+
+  third.Post();
+  loop.RunPending();
+
+  EXPECT_THAT(runs, ElementsAre(1, 2, 3));
+}
+
+TEST(DeferredTaskTest, ThoseThatAStopKeptWaitingMayBeCancelledDestroyedAndPostedAgain) {
+  EventLoop loop;
+  std::vector<int> runs;
+  DeferredTask later(loop, [&] { runs.push_back(5); });
+  DeferredTask stops(loop, [&] {
+    runs.push_back(1);
+    later.Post();
+    loop.Stop();
+  });
+  auto destroyed = std::make_unique<DeferredTask>(loop, [] { ADD_FAILURE(); });
+  DeferredTask cancelled(loop, [] { ADD_FAILURE(); });
+  DeferredTask again(loop, [&] { runs.push_back(3); });
+  DeferredTask waits(loop, [&] { runs.push_back(4); });
+  stops.Post();
+  destroyed->Post();
+  cancelled.Post();
+  again.Post();
+  waits.Post();
+  loop.RunPending();
+
+  destroyed.reset();
+  cancelled.Cancel();
+  again.Cancel();
+  again.Post();
+  loop.RunPending();
+
+  EXPECT_THAT(runs, ElementsAre(1, 4, 5, 3));
 }
 
 TEST(DeferredTaskTest, WhatHasNotRunAtTheLoopsEndNeverRuns) {

@@ -713,6 +713,26 @@ TEST_F(CallbackCallerWithStreamTest, ACallbackMayDestroyTheCallerWhileTheStreamC
   EXPECT_THAT(ends_, ElementsAre("first CANCELLED", "second CANCELLED"));
 }
 
+// Nothing is put off, which would keep what the caller has.
+TEST_F(CallbackCallerWithStreamTest, TheOnlyCallsCallbackMayDestroyTheCaller) {
+  const std::function<void(CallId)> ends[] = {
+      [this](CallId id) { stream_.Receive(Answer("work"), id); },
+      [this](CallId id) { stream_.ReceiveError(Answer("work"), id); },
+      [this](CallId /*id*/) { stream_.Receive(Control("work", false)); },
+  };
+  for (const auto& end : ends) {
+    caller_.emplace(scheduler_);
+    stream_.Receive(Control("work", true));
+    const CallId id = Ask("file", [this] { caller_.reset(); });
+
+    end(id);
+
+    EXPECT_FALSE(caller_.has_value());
+    ExpectNoCalls(stream_);
+  }
+  EXPECT_THAT(ends_, ElementsAre("file allowed", "file ABORTED", "file CANCELLED"));
+}
+
 TEST_F(CallbackCallerWithStreamTest, ACallbackMayDestroyTheCallerAtADeadline) {
   Ask("first", [this] { caller_.reset(); });
   scheduler_.Advance(kTimeout / 2);
