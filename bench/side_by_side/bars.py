@@ -4,6 +4,7 @@ import dataclasses
 import statistics
 from typing import Optional
 
+from ratio import ratio
 from systems import BYTES, CPU, P50, RATE
 
 # The best of these, for each figure.
@@ -15,7 +16,7 @@ REDIS = ("redis",)
 @dataclasses.dataclass(frozen=True)
 class Bar:
     """For one figure of one row: a bound of Varnic's own, or of how many times it is as much as that
-    of the best of the systems in `beside`."""
+    of the best of the systems in `beside` in the same round."""
     row: str
     figure: tuple
     beside: tuple = ()
@@ -66,6 +67,6 @@ def reading(bar, measured):
     if not bar.beside:
         return {**result, "met": bar.is_met(ours)}
     best = (min if less_is_better else max)(others, key=median)
-    ratio = ours / median(best)
-    return {**result, "beside": best, "theirs": median(best), "ratio": ratio,
-            "met": bar.is_met(ratio)}
+    times = ratio(key, measured["varnic"], measured[best])
+    return {**result, "beside": best, "theirs": median(best), "ratio": times,
+            "met": bar.is_met(times)}

@@ -8,12 +8,13 @@ import subprocess
 import sys
 
 import conditions
+from ratio import ratio
 from systems import RATE, SIZE_TITLE, UNIX_AND_TCP
 
 INSTRUCTION_COUNTS = os.path.join(os.path.dirname(__file__), "..", "instruction_counts.json")
 BAR_NOTES = [
-    "Ratio: Varnic's figure as so many times the other's, by the medians. Where there is none, the "
-    "bar is for the figure itself.",
+    "Ratio: Varnic's figure as so many times the other's of the same round; the median of the rounds. "
+    "Where there is none, the bar is for the figure itself.",
     "Beside grpc++ stands the best of its three services for that figure. Debian's grpc++ is built "
     "without NDEBUG: its debug assertions run, and a build of one's own is faster.",
     "Epoll echo is no RPC: it says what the sockets cost. A call and a question are the same to it.",
@@ -22,7 +23,8 @@ BAR_NOTES = [
 ]
 ROW_NOTES = [
     "Each cell: the median of the rounds (the lowest to the highest). Lead: how many times as good "
-    "as the other system varnic is, by the medians of the first figure; below 1, the other leads.",
+    "as the other system varnic is, by the first figure, in the same round; the median of the rounds. "
+    "Below 1, the other leads.",
     "The server had less than 0.9 of its core where there is a mark, and so could have done more. A "
     "star: the load generator had more than 0.9 of its own, and the figure may be the generator's. A "
     "dagger: neither was busy all the time. On a machine that does nothing else they wait for each "
@@ -94,12 +96,10 @@ def summarise(row, measured_by_system):
             middle = statistics.median(values)
             summary[system][key] = {"median": middle, "lowest": min(values),
                                     "highest": max(values)}
-            if "varnic" not in measured_by_system:
-                continue
-            ours = median_of(measured_by_system["varnic"], key)
-            if middle and ours:
-                lead = middle / ours
-                summary[system][key]["varnic_leads"] = lead if less_is_better else 1 / lead
+            ours = measured_by_system.get("varnic", [])
+            if ours and all(values) and all(m[key] for m in ours):
+                one, other = (measured, ours) if less_is_better else (ours, measured)
+                summary[system][key]["varnic_leads"] = ratio(key, one, other)
     return summary
 
 
@@ -141,10 +141,6 @@ def size_table(sizes):
          for system, (own, libraries) in sizes.items()])
 
 
-def times(key, one, other, system):
-    return median_of(one[system], key) / median_of(other[system], key)
-
-
 def tcp_table(tables):
     """What TCP takes besides, by the figures of rows that are there over both kinds of socket."""
     by_name = {row.name: (row, measured) for row, measured in tables.items()}
@@ -156,8 +152,9 @@ def tcp_table(tables):
         shown = [figure for figure in row.figures if figure[0] != "p99_us"]
         for system in over_unix:
             if system in over_tcp:
-                ratios = [f"{without_unit(heading)} {number(times(key, over_tcp, over_unix, system))}"
-                          for key, heading, _ in shown]
+                ratios = [
+                    f"{without_unit(heading)} {number(ratio(key, over_tcp[system], over_unix[system]))}"
+                    for key, heading, _ in shown]
                 cells_of_rows.append([f"`{unix}`", system, ", ".join(ratios)])
     if not cells_of_rows:
         return ""
@@ -173,14 +170,15 @@ def guards_table(tables):
             continue
         usual = median_of(measured["varnic"], "server_cpu_us")
         relaxed = median_of(measured["varnic, relaxed"], "server_cpu_us")
+        times = ratio("server_cpu_us", measured["varnic"], measured["varnic, relaxed"])
         cells_of_rows.append([f"{row.title} (`{row.name}`)", number(usual), number(relaxed),
-                              f"{100 * (usual / relaxed - 1):+.1f} %"])
+                              f"{100 * (times - 1):+.1f} %"])
     if not cells_of_rows:
         return ""
     return ("**What the limits cost: server CPU, µs each, with the usual limits, and with limits that "
             "are never reached** (`guards`)\n\n"
             + table(["what", "usual limits", "none reached", "the limits cost"], cells_of_rows)
-            + "\nLimits that are never reached are looked at all the same; those in time are off. A "
+            + "\nWhat they cost is the median of the rounds' ratios. Limits that are never reached are looked at all the same; those in time are off. A "
             "difference smaller than the spread of the rounds is none. All of the guards, which look at "
             "what a peer does on behalf of a limit, take, by the count of "
             f"instructions: {guard_shares()}.\n")

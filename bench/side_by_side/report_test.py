@@ -42,6 +42,16 @@ class BarsTest(unittest.TestCase):
         self.assertEqual((rate["beside"], rate["ratio"], rate["met"]),
                          ("grpc++ callback", 8, True))
 
+    def test_a_machine_that_is_slower_in_some_rounds_changes_no_ratio(self):
+        echo = [2, 2, 6, 6, 2]
+        varnic = [3, 9, 9, 9, 3]
+        measured = {"varnic": [{"p50_us": time, "server_cpu_us": 1} for time in varnic],
+                    "epoll echo": [{"p50_us": time, "server_cpu_us": 1} for time in echo]}
+
+        (time,) = bars.read({"unary-unix": measured})
+
+        self.assertEqual((time["varnic"], time["theirs"], time["ratio"]), (9, 2, 1.5))
+
     def test_a_bar_of_its_own_needs_nobody_else(self):
         (reading,) = bars.read({"memory-stream": {"varnic": [{"bytes": 4097}]}})
 
