@@ -111,7 +111,7 @@ class KilledBrowserSoak(browser_host.BrowserTestCase):
         try:
             with open(f"/proc/{pid}/stat", encoding="ascii", errors="replace") as file:
                 return file.read().rpartition(")")[2].split()[0] not in "ZX"
-        except FileNotFoundError:
+        except (FileNotFoundError, ProcessLookupError):  # The latter: it ended meanwhile.
             return False
 
     def decide_sometimes(self, response):
