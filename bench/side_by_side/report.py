@@ -178,10 +178,10 @@ def guards_table(tables):
     return ("**What the limits cost: server CPU, µs each, with the usual limits, and with limits that "
             "are never reached** (`guards`)\n\n"
             + table(["what", "usual limits", "none reached", "the limits cost"], cells_of_rows)
-            + "\nWhat they cost is the median of the rounds' ratios. Limits that are never reached are looked at all the same; those in time are off. A "
-            "difference smaller than the spread of the rounds is none. All of the guards, which look at "
-            "what a peer does on behalf of a limit, take, by the count of "
-            f"instructions: {guard_shares()}.\n")
+            + "\nWhat they cost is the median of the rounds' ratios. Limits that are never reached are "
+            "looked at all the same; those in time are off. A difference smaller than the spread of the "
+            "rounds is none. All of the guards, which look at what a peer does on behalf of a limit, "
+            f"take, by the count of instructions: {guard_shares()}.\n")
 
 
 def guard_shares():

@@ -43,6 +43,11 @@ class QuestionAskerTest : public ProfileStreamsTest {
     return questions;
   }
 
+  // Instead of the one that is there, which goes first.
+  void MakeAsker(const QuestionOptions& options) {
+    asker_ = nullptr;
+    asker_ = std::make_unique<QuestionAsker>(scheduler_, options);
+  }
   QuestionAsker::Id AskFile(const std::vector<ProfileId>& keys, const std::string& path = "/f") {
     rpc::CanAccessFile::Request request;
     request.set_path(path);
@@ -122,8 +127,7 @@ TEST_F(QuestionAskerTest, DefaultComesAtOnceWhenNobodyAnswers) {
 }
 
 TEST_F(QuestionAskerTest, FilesMayBeAllowedByDefault) {
-  asker_ = nullptr;
-  asker_ = std::make_unique<QuestionAsker>(scheduler_, QuestionOptions{absl::Seconds(1), true});
+  MakeAsker(QuestionOptions{absl::Seconds(1), true});
 
   AskFile({Profile("a")});
   scheduler_.RunPosted();
@@ -225,10 +229,9 @@ TEST_F(QuestionAskerTest, TextThatIsNoUtf8IsNotAsked) {
 }
 
 TEST_F(QuestionAskerTest, QuestionsOverTheLimitGetTheDefault) {
-  asker_ = nullptr;
   QuestionOptions options;
   options.open_questions = 2;
-  asker_ = std::make_unique<QuestionAsker>(scheduler_, options);
+  MakeAsker(options);
   ServedStream<FileAccessStream> stream(service_);
   Subscribe(stream, "a");
 
@@ -241,10 +244,9 @@ TEST_F(QuestionAskerTest, QuestionsOverTheLimitGetTheDefault) {
 }
 
 TEST_F(QuestionAskerTest, ProfileWithTooManyQuestionsKeepsNoOtherFromAsking) {
-  asker_ = nullptr;
   QuestionOptions options;
   options.open_questions_of_profile = 2;
-  asker_ = std::make_unique<QuestionAsker>(scheduler_, options);
+  MakeAsker(options);
   ServedStream<FileAccessStream> stream(service_);
   Subscribe(stream, "a");
   Subscribe(stream, "b");

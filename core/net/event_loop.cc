@@ -122,8 +122,8 @@ class EventLoop::DeferredTasks {
     if (context_ == nullptr || std::exchange(task.is_posted_, true)) return;
     task.turn_ = turn_;
     task.place_ = coming_.size();
+    if (coming_.empty()) PostTurn();
     coming_.push_back(&task);
-    Schedule();
   }
   void Remove(DeferredTask& task) {
     if (!std::exchange(task.is_posted_, false)) return;
@@ -131,14 +131,13 @@ class EventLoop::DeferredTasks {
   }
 
  private:
-  void Schedule() {
-    if (std::exchange(is_scheduled_, true)) return;
+  // When the first of a turn comes.
+  void PostTurn() {
     asio::post(*context_, [this] { Run(); });
   }
 
   // None after one that stops the loop, and none that another of them posts.
   void Run() {
-    is_scheduled_ = false;
     BeginTurn();
     std::size_t next = 0;
     while (next < running_.size() && !context_->stopped()) {
@@ -146,7 +145,6 @@ class EventLoop::DeferredTasks {
     }
     if (next < running_.size()) PutBack(next);
     running_.clear();
-    if (!coming_.empty()) Schedule();
   }
   static void Run(DeferredTask& task) {
     task.is_posted_ = false;
@@ -159,6 +157,7 @@ class EventLoop::DeferredTasks {
   }
   // Those from `first` on, which a stop keeps waiting, go before those that are coming.
   void PutBack(std::size_t first) {
+    if (coming_.empty()) PostTurn();
     coming_.insert(coming_.begin(), running_.begin() + static_cast<std::ptrdiff_t>(first),
                    running_.end());
     for (std::size_t place = 0; place < coming_.size(); ++place) {
@@ -169,10 +168,9 @@ class EventLoop::DeferredTasks {
   }
 
   asio::io_context* context_ = nullptr;  // None before Open() and after Close().
-  bool is_scheduled_ = false;
-  std::uint64_t turn_ = 0;              // Of those that are coming.
-  std::vector<DeferredTask*> coming_;   // Null where one was cancelled.
-  std::vector<DeferredTask*> running_;  // The same; none between two turns.
+  std::uint64_t turn_ = 0;               // Of those that are coming.
+  std::vector<DeferredTask*> coming_;    // Null where one was cancelled.
+  std::vector<DeferredTask*> running_;   // The same; none between two turns.
 };
 
 // One thread runs the loop, so Asio may leave out what more would need.

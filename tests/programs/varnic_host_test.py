@@ -138,8 +138,10 @@ class VarnicHostTest(programs.HostTestCase):
         self.addCleanup(process.wait, programs.PATIENCE_SECONDS)
         self.addCleanup(process.terminate)
 
+        deadline = time.monotonic() + programs.PATIENCE_SECONDS
         while not address.exists():
             self.assertIsNone(process.poll())
+            self.assertLess(time.monotonic(), deadline)
 
         for descriptor in range(3):
             self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{descriptor}"), "/")

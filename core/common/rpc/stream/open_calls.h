@@ -11,7 +11,6 @@
 #include <iterator>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -396,11 +395,10 @@ CallId OpenCalls<T>::EnterInTable(Stream& stream, const Key& key, CallId id) {
   if (entry == stream.pending_calls_.end()) {
     entry = stream.pending_calls_.try_emplace(CloneKey(key)).first;
   }
-  auto [place, is_new] = entry->second.try_emplace(id, std::move(call));
-  while (!is_new) {
-    std::tie(place, is_new) = entry->second.try_emplace(NextCallId(), std::move(call));
-  }
-  return place->first;
+  // Where there is a call of that id already, nothing is moved from.
+  CallId id_there = id;
+  while (!entry->second.try_emplace(id_there, std::move(call)).second) id_there = NextCallId();
+  return id_there;
 }
 
 // Takes the question's text, and leaves memory for another one.
