@@ -62,7 +62,8 @@ class FileProfiles final : public Profiles {
   // Runs `work` on the task thread, and then `reply` on the RPC thread.
   template <typename Value>
   void Answer(Reply<Value> reply, std::function<absl::StatusOr<Value>()> work);
-  // Fails with what the files say against the profile `id`, or else with FAILED_PRECONDITION and `why`.
+  // Fails with what the files say against the profile `id`, or else with FAILED_PRECONDITION and
+  // `why`.
   template <typename Value>
   void Refuse(const std::string& id, Reply<Value> reply, const std::string& why);
 
